@@ -1,0 +1,43 @@
+// Header sectors of an image file, read without knowing its sector size: first the fixed 114 bytes,
+// and everything further sized from those. Nothing is held between calls; every buffer belongs to
+// the caller that receives it.
+#ifndef KQ_HEADER_READ_HEADER_H
+#define KQ_HEADER_READ_HEADER_H
+
+#include <cstdint>
+
+#include "foundation/memory.h"
+#include "foundation/os_file.h"
+#include "foundation/status.h"
+#include "kqimageformat.h"
+
+namespace kq {
+
+// Reads count header sectors from start (0 or 2); a count of 0 means up to the header's end.
+//
+// password: UTF-8, may be null; needed for sectors 1 onward of an enciphered image.
+// tolerate: a failed decipher is no reason to withhold the bytes; they come as stored, together
+// with
+//   the failure's record.
+// sectors: receives count * SectorSize bytes, empty on failure.
+// size: receives the bytes; may be null.
+//
+// -1392 no finished image; -2 range beyond the header; -86 password missing or wrong; -13 key blob
+// cut short; -31 file shorter than a header; -8; or errno mapped.
+KQStatus ReadHeaderSectors(const OSAlignedFile& file, const char* password, std::uint64_t start,
+                           std::uint64_t count, bool tolerate, HeapBuffer* sectors,
+                           std::uint32_t* size);
+
+// The same by path; opens and closes the file.
+KQStatus ReadHeaderSectorsFromPath(const char* path, const char* password, std::uint64_t start,
+                                   std::uint64_t count, bool tolerate, HeapBuffer* sectors,
+                                   std::uint32_t* size);
+
+// Reads the first sector of the file's ChunkIndex, SectorSize bytes. header: at least the fixed 114
+// bytes. -87 null path or header; -1392 the file is too small, its last sector holds more than the
+// index's place, or that place lies in the header; -8; or errno mapped.
+KQStatus ReadChunkIndexHead(const char* path, const ImageHeader* header, HeapBuffer* head);
+
+}  // namespace kq
+
+#endif

@@ -1,0 +1,196 @@
+/* libkqimageapi: sector-level backup images of volumes, for C and C++.
+ *
+ * A full image (.twf) and its increments (.twi) form a chain that reads as one flat volume, the
+ * newest file winning for each byte. The functions here open and read chains, create new image
+ * files, and tell what a file is.
+ *
+ * Common rules
+ *
+ * - Every function returns a KQStatus by value; its field status is 0 for success and negative
+ *   for a failure. On a failure, handle, pointer and count outputs are 0, unless said otherwise.
+ * - Paths are NUL-terminated strings handed to the operating system as they are. Passwords and
+ *   comments are NUL-terminated UTF-8.
+ * - All offsets, sizes and lengths are in bytes.
+ * - The caller owns every buffer it passes; the library keeps no pointer to one after the call.
+ * - A chain's handle is a number, never 0. All calls on one handle run one after the other, calls
+ *   on different handles run in parallel, and a close waits for calls in progress. A new image's
+ *   handle is different: it is not checked, and one thread at a time may use it.
+ * - The library starts no thread and needs no initialisation. At load it reads the optional file
+ *   "kqimageapi.conf" beside the library, with the cache limits in bytes
+ *   "ChunkCache_MaxCachedBytes" (default 31457280) and "ChunkHeaderCache_MaxCachedBytes"
+ *   (default 2097152).
+ */
+#ifndef KQIMAGEAPI_H
+#define KQIMAGEAPI_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KQ_API __attribute__((visibility("default")))
+
+/* The outcome of a call. 32 bytes, no padding. */
+typedef struct KQStatus {
+  int32_t status;   /* 0, or a negative KQ_STATUS_... number */
+  uint32_t detail1; /* the errno value if an operating-system call failed, else 0 */
+  uint32_t detail2; /* 2 if detail1 holds an errno value, else 0 */
+  uint16_t line;    /* source line where the failure was noticed */
+  char file[18];    /* source module where it was noticed, NUL-terminated; empty on success */
+} KQStatus;
+
+#define KQ_STATUS_SUCCESS 0
+#define KQ_STATUS_FILE_NOT_FOUND (-2)
+#define KQ_STATUS_TOO_MANY_OPEN_FILES (-4)
+#define KQ_STATUS_ACCESS_DENIED (-5)
+#define KQ_STATUS_NOT_ENOUGH_MEMORY (-8)
+#define KQ_STATUS_INVALID_DATA (-13)
+#define KQ_STATUS_NO_MORE_FILES (-18) /* the files given do not form a chain */
+#define KQ_STATUS_WRITE_PROTECT (-19)
+#define KQ_STATUS_CRC (-23) /* an input or output error */
+#define KQ_STATUS_GEN_FAILURE (-31)
+#define KQ_STATUS_SHARING_VIOLATION (-32)
+#define KQ_STATUS_NOT_SUPPORTED (-50)
+#define KQ_STATUS_BAD_NET_NAME (-67)
+#define KQ_STATUS_REQ_NOT_ACCEP (-71)
+#define KQ_STATUS_FILE_EXISTS (-80)
+#define KQ_STATUS_INVALID_PASSWORD (-86) /* password missing or wrong */
+#define KQ_STATUS_INVALID_PARAMETER (-87)
+#define KQ_STATUS_BROKEN_PIPE (-109)
+#define KQ_STATUS_DISK_FULL (-112)
+#define KQ_STATUS_SEM_TIMEOUT (-121)
+#define KQ_STATUS_INVALID_NAME (-123)
+#define KQ_STATUS_BUSY (-170)
+#define KQ_STATUS_MORE_DATA (-234) /* buffer too small; the size needed has been stored */
+#define KQ_STATUS_EXCEPTION_IN_SERVICE (-1064)
+#define KQ_STATUS_NO_UNICODE_TRANSLATION (-1113)
+#define KQ_STATUS_CANCELLED (-1223)
+#define KQ_STATUS_RETRY (-1237)
+#define KQ_STATUS_FILE_CORRUPT (-1392)
+#define KQ_STATUS_UNSUPPORTED_TYPE (-1630) /* a compression type that can't be read back */
+#define KQ_STATUS_INVALID_STATE (-5023)
+#define KQ_STATUS_ENCRYPTION_FAILED (-6000)
+#define KQ_STATUS_DECRYPTION_FAILED (-6001)
+
+/* What an image file says of itself. 296 bytes, packed. */
+typedef struct __attribute__((packed)) ImageFileInfo {
+  uint32_t sectorSize;
+  uint64_t sourceSize;
+  uint64_t creationTime; /* local time, 100 ns ticks since 1601-01-01 */
+  int32_t timeZoneBias;  /* minutes west of UTC */
+  int32_t daylightBias;  /* minutes: 0 or -60 */
+  uint8_t imageId[16];
+  uint8_t parentImageId[16]; /* all zero in a base image */
+  uint8_t imageSetId[16];
+  uint32_t partIndex;
+  uint32_t lastPart; /* not 0: the last or only part of its image */
+  uint32_t compressionType;
+  uint32_t encryptionType;
+  uint8_t flagByte; /* the header's flag bits 24 to 31 */
+  uint8_t flagBit0;
+  uint8_t flagBit2;
+  uint8_t partMarker;
+  uint16_t comment[100]; /* UTF-16, cut at 99 units, the rest zero */
+} ImageFileInfo;
+
+/* Tells what the image file at path is. Needs no password.
+ *
+ * info: 296 bytes of the caller's, zeroed first; stays zero on a failure.
+ *
+ * Statuses: -87 path or info null; -1392 no finished image file; -2, -5 and others as the
+ * operating system reports; -31 shorter than a header; -8 out of memory.
+ * Any thread may call it at any time. */
+KQ_API KQStatus KQImageFileGetInfo(const char* path, ImageFileInfo* info);
+
+/* Opens the chain that the given files form.
+ *
+ * files: paths separated by '|', in any order. Every file must belong to the chain: one base
+ *   image, its increments up to the newest, and all parts of each.
+ * password: opens enciphered images; null if there is none. A file that is open in this process
+ *   already is shared and keeps the password of its first open.
+ * sparse: handle of a sparse file to lay over the chain, or 0. It belongs to the chain from here
+ *   on, also if the open fails.
+ * handle: receives the new handle, to be closed with KQImageFilesClose.
+ *
+ * Statuses: -87 files or handle null; -18 the files do not form one complete chain; -1392 a file
+ * is damaged or unfinished; -1630 a file's compression type can't be read back; -86 password
+ * missing or wrong; -8 out of memory; others as the operating system reports. */
+KQ_API KQStatus KQImageFilesOpen(const char* files, const char* password, uint64_t sparse,
+                                 uint64_t* handle);
+
+/* Reads length bytes of the volume from offset, at any alignment, into buffer.
+ *
+ * What no file holds reads as zero, also beyond the volume's end.
+ * bytesRead: receives length on success and 0 on a failure; may be null. On a failure the buffer
+ *   is zeroed. There is no partial success.
+ * A chunk whose compressed stream is damaged reads as zero, and so does the rest of the range.
+ *
+ * Statuses: -87 length 0, buffer null, handle 0 or unknown, or a chunk that points into the header;
+ * -1392 and -13 damaged chunk; -6001 a chunk that can't be deciphered; -8 out of memory; others as
+ * the operating system reports. */
+KQ_API KQStatus KQImageFilesRead(uint64_t handle, uint64_t offset, void* buffer, uint32_t length,
+                                 uint32_t* bytesRead);
+
+/* Closes a chain. The handle is gone when the call returns, whatever the status; a call that is
+ * running on it in another thread completes first.
+ *
+ * newImageFile, comment, deleteSparse, imageId, sourceSize: for a chain with a sparse file only,
+ *   ignored otherwise; each pointer may be null.
+ *
+ * Statuses: -87 handle unknown. */
+KQ_API KQStatus KQImageFilesClose(uint64_t handle, const char* newImageFile, const char* comment,
+                                  uint8_t deleteSparse);
+KQ_API KQStatus KQImageFilesClose2(uint64_t handle, const char* newImageFile, const char* comment,
+                                   uint8_t deleteSparse, const uint8_t* imageId);
+KQ_API KQStatus KQImageFilesClose3(uint64_t handle, const char* newImageFile, const char* comment,
+                                   uint8_t deleteSparse, const uint8_t* imageId,
+                                   const uint64_t* sourceSize);
+
+/* Creates a new image file from a header template and writes its unfinished header.
+ *
+ * headerTemplate, templateBytes: a header as kqimageformat.h describes it: sector 0 with the magic
+ *   "TWFI", and any further header sectors behind it. The new image becomes the child of the image
+ *   that the template describes: the template's ImageId becomes its ParentImageId (all zero makes
+ *   a base image), and the generation counts on. SectorSize, Flags, ImageSetId, CompressionType and
+ *   EncryptionType are taken over.
+ * password: needed when EncryptionType is not 0. If the template has further sectors and a
+ *   KeyBlob, it must also be the template's password.
+ * fileName: created with mode 0644; an existing file is truncated.
+ * sourceSize: replaces the template's SourceSize; may be null.
+ * carriedValue1, carriedValue2: replace these fields of the ExtendedRecord; may be null.
+ * imageId: 16 bytes for ImageId, or null for a generated one.
+ * handle: receives the handle, for one thread at a time. Nothing checks it later.
+ *
+ * Statuses: -87 template null, its sector size 0, its magic wrong, its header above 1 MiB, or no
+ * password where one is needed; -1392 imageId all zero or equal to the parent's; -86 password not
+ * usable; -8 out of memory or unknown compression type; -6000 enciphering failed; others as the
+ * operating system reports. A file that was created stays on a failure; no reader accepts it. */
+KQ_API KQStatus KQNewImageFileCreate2(const void* headerTemplate, uint32_t templateBytes,
+                                      const char* password, const char* fileName,
+                                      const uint64_t* sourceSize, const uint64_t* carriedValue1,
+                                      const uint64_t* carriedValue2, const uint8_t* imageId,
+                                      uint64_t* handle);
+
+/* Appends size bytes that stand at byte offset of the volume. Both should be multiples of the
+ * image's sector size. Pieces may come in any order; where two overlap, readers see the one in the
+ * chunk that stands first in the file's index.
+ *
+ * Statuses: -8 out of memory; -13 a chunk too small to compress; -6000 enciphering failed; others
+ * as the operating system reports. After a failure the file can only be abandoned. */
+KQ_API KQStatus KQNewImageFileWrite(uint64_t handle, const void* data, uint32_t size,
+                                    uint64_t offset);
+
+/* Completes the file and frees the handle. Without any data written, the file is removed.
+ *
+ * comment: text for the header, cut to the room there; may be null.
+ *
+ * Statuses: as the operating system reports. On a failure the file stays unfinished, and the
+ * object is not freed. */
+KQ_API KQStatus KQNewImageFileClose(uint64_t handle, const char* comment);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
