@@ -35,7 +35,10 @@ class CAPABILITY("mutex") Mutex {
   constexpr Mutex() = default;
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
-  ~Mutex() { pthread_mutex_destroy(&mutex_); }
+  // Not destroyed: it holds nothing but its bytes, and with a trivial destructor the process-wide
+  // locks stay usable while the process exits, when the library's finish routine runs after the
+  // destructors of static objects.
+  ~Mutex() = default;
 
   void Lock() ACQUIRE() { pthread_mutex_lock(&mutex_); }
   void Unlock() RELEASE() { pthread_mutex_unlock(&mutex_); }
