@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "tests/support/image_builder.h"
+#include "tests/support/image_parser.h"
 
 namespace kqtest {
 namespace {
@@ -52,6 +53,26 @@ Bytes LiteralLzoFrame(std::span<const std::uint8_t> data) {
   const Bytes end = {0x11, 0, 0};
   Append(&stream, end);
   return WithLength(stream);
+}
+
+std::optional<Bytes> ExpandLzoFrames(const Bytes& stream, std::uint64_t expandedBytes) {
+  const std::span<const std::uint8_t> all(stream);
+  Bytes expanded(expandedBytes);
+  std::size_t done = 0;
+  std::size_t place = 0;
+  while (place < all.size()) {
+    const std::size_t frameBytes = GetLe(all, place, 3);
+    if (place + 3 + frameBytes > all.size()) return std::nullopt;
+    lzo_uint length = expanded.size() - done;
+    if (lzo1x_decompress_safe(all.data() + place + 3, frameBytes, expanded.data() + done, &length,
+                              nullptr) != LZO_E_OK) {
+      return std::nullopt;
+    }
+    done += length;
+    place += 3 + frameBytes;
+  }
+  expanded.resize(done);
+  return expanded;
 }
 
 }  // namespace kqtest
