@@ -13,6 +13,7 @@
 #include "crypto/rc4.h"
 #include "foundation/memory.h"
 #include "foundation/status.h"
+#include "kqimageformat.h"
 
 namespace kq {
 
@@ -21,12 +22,15 @@ inline constexpr std::uint32_t kLargestKeyBlob = 64;
 // Wiped when it goes. Made with MakeOwned<CryptoContext>().
 struct alignas(16) CryptoContext {
   std::uint32_t type = 0;  // EncryptionType
-  union {
-    AES_KEY schedule;  // types 1, 2, 4
-    Rc4State rc4;      // type 3
+  union alignas(16) {
+    AES_KEY
+    schedule;      // types 1, 2, 4; of the data key, for the direction the context was opened for
+    Rc4State rc4;  // type 3; it stands behind the bytes that the blob's test has used
   };
 
   CryptoContext();
+  CryptoContext(const CryptoContext&) = delete;
+  CryptoContext& operator=(const CryptoContext&) = delete;
   ~CryptoContext();
 };
 
@@ -51,9 +55,9 @@ KQStatus ImageKeyCreate(CryptoContext* context, const std::uint8_t* password,
                         std::uint32_t passwordBytes, std::uint8_t* keyBlob,
                         std::uint32_t* keyBlobLength);
 
-// Deciphers or enciphers length bytes; in and out may be the same. The 16-byte vector is wiped
-// (types 0 and above 4 do nothing at all). -87 a length that is no multiple of 16, for the AES
-// types.
+// Deciphers or enciphers length bytes; in and out may be the same. The 16-byte vector is wiped on
+// success. Types 0 and above 4 do nothing at all. For the AES types -87, and nothing is touched, if
+// the length is no multiple of 16.
 KQStatus ImageDecipherRun(const CryptoContext& context, std::uint8_t* out, const std::uint8_t* in,
                           std::uint32_t length, std::uint8_t* vector);
 KQStatus ImageEncipherRun(const CryptoContext& context, std::uint8_t* out, const std::uint8_t* in,
