@@ -17,13 +17,16 @@ namespace kq {
 //
 // password: UTF-8, may be null; needed for sectors 1 onward of an enciphered image.
 // tolerate: a failed decipher is no reason to withhold the bytes; they come as stored, together
-// with
-//   the failure's record.
-// sectors: receives count * SectorSize bytes, empty on failure.
-// size: receives the bytes; may be null.
+//   with the failure's record.
+// sectors: receives count * SectorSize bytes, and is empty if no bytes are had. The buffer's own
+//   size is larger than that. With start 0 it begins with the 114 bytes that were checked, even
+//   where SectorSize is smaller. What the file is too short to hold reads as zero, where the file's
+//   block size divides the sectors, and is -31 otherwise.
+// size: receives the bytes, 0 if there are none; may be null.
 //
-// -1392 no finished image; -2 range beyond the header; -86 password missing or wrong; -13 key blob
-// cut short; -31 file shorter than a header; -8; or errno mapped.
+// -1392 no finished image; -2 range beyond the header; -86 password missing or wrong; -87 a key
+// blob of the wrong length; -13 key blob cut short; -31 file shorter than a header; -8, also for a
+// range of 4 GiB and more; or errno mapped.
 KQStatus ReadHeaderSectors(const OSAlignedFile& file, const char* password, std::uint64_t start,
                            std::uint64_t count, bool tolerate, HeapBuffer* sectors,
                            std::uint32_t* size);
@@ -33,9 +36,12 @@ KQStatus ReadHeaderSectorsFromPath(const char* path, const char* password, std::
                                    std::uint64_t count, bool tolerate, HeapBuffer* sectors,
                                    std::uint32_t* size);
 
-// Reads the first sector of the file's ChunkIndex, SectorSize bytes. header: at least the fixed 114
-// bytes. -87 null path or header; -1392 the file is too small, its last sector holds more than the
-// index's place, or that place lies in the header; -8; or errno mapped.
+// Reads the first sector of the file's ChunkIndex, SectorSize bytes; the buffer holds at least a
+// whole ChunkIndexHead, with zero behind a smaller sector. header: at least the fixed 114 bytes.
+//
+// The block's own fields are not checked, and an index that lies beyond the file's end may go
+// unnoticed. -87 null path or header; -1392 the file is too small, its last sector holds more than
+// the index's place, or that place lies in the header; -8; or errno mapped.
 KQStatus ReadChunkIndexHead(const char* path, const ImageHeader* header, HeapBuffer* head);
 
 }  // namespace kq

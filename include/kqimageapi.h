@@ -23,6 +23,7 @@
 #ifndef KQIMAGEAPI_H
 #define KQIMAGEAPI_H
 
+#include <stdbool.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -102,6 +103,73 @@ typedef struct __attribute__((packed)) ImageFileInfo {
  * operating system reports; -31 shorter than a header; -8 out of memory.
  * Any thread may call it at any time. */
 KQ_API KQStatus KQImageFileGetInfo(const char* path, ImageFileInfo* info);
+
+/* What KQImageFileGetInfo tells and all else that the plain part of the header holds. 464 bytes,
+ * packed. Without a record everything from recordPresent on is 0. */
+typedef struct __attribute__((packed)) ImageFileInfo2 {
+  ImageFileInfo basic;
+  uint32_t headerSectors;
+  uint32_t flags;
+  uint32_t generation;
+  uint32_t nextGeneration;
+  uint8_t recordPresent;      /* 1: an ExtendedRecord was found; what follows comes from it */
+  uint8_t headerChecksumGood; /* 1: HeaderCrc matches sector 0 */
+  uint8_t extraChecksumGood;  /* 1: ExtraCrc matches the later sectors, or there are none */
+  uint8_t carriedValue7;
+  uint32_t recordFlags;
+  uint8_t fileUuid[16];
+  uint8_t snapshotSetId[16];
+  uint8_t secondUuid[16];
+  uint8_t carriedId[16];
+  uint64_t carriedValue1;
+  uint64_t carriedValue2;
+  uint32_t carriedValue3;
+  uint8_t carriedBytes1[16];
+  uint64_t carriedValue4;
+  uint32_t carriedValue5;
+  uint16_t carriedValue6;
+  uint16_t reserved; /* 0 */
+  uint8_t carriedBytes2[16];
+  uint32_t carriedValue8;
+  uint64_t carriedValue9;
+} ImageFileInfo2;
+
+/* Tells all that can be known of an image file without its password, and whether its header is
+ * sound. A wrong checksum is no failure: headerChecksumGood and extraChecksumGood tell it.
+ *
+ * info: 464 bytes of the caller's, zeroed first; stays zero on a failure.
+ *
+ * Statuses: as KQImageFileGetInfo. */
+KQ_API KQStatus KQImageFileGetInfo2(const char* path, ImageFileInfo2* info);
+
+/* Gives the header sectors of an image file, deciphered: all of them, or those from sector 2 on.
+ *
+ * password: needed if the image is enciphered and has more than one header sector; may be null
+ *   otherwise. A wrong password for encryption type 1 is not noticed and gives garbage from sector
+ *   1 on.
+ * buffer: receives the sectors; null asks for the size alone.
+ * size: the bytes in buffer; receives the bytes of the sectors. Unchanged on every failure but
+ *   -234.
+ *
+ * Statuses: -87 path or size null, or a key blob of the wrong length; -234 size too small for the
+ * buffer given, the size needed is stored; -2 no sectors there, or no such file; -86 password
+ * missing or wrong; -1392 no finished image file; -31 shorter than its header; -8 out of memory, or
+ * a password that is no UTF-8; others as the operating system reports. */
+KQ_API KQStatus KQImageFileGetAllHeaderSectors(const char* path, const char* password,
+                                               void* buffer, uint32_t* size);
+KQ_API KQStatus KQImageFileGetExtraSectors(const char* path, const char* password, void* buffer,
+                                           uint32_t* size);
+
+/* Tells whether a password opens an image file.
+ *
+ * result: true if it does, and for every image that is not enciphered, whatever the password.
+ *   false on a failure. Encryption type 1 stores nothing to check against: each password that is
+ *   not empty and valid UTF-8 tests true.
+ *
+ * Statuses: -87 path or result null; -86 an enciphered image and no password or an empty one; -1392
+ * no finished image file; -31 shorter than a header; -8 out of memory; others as the operating
+ * system reports. A wrong password is no failure. */
+KQ_API KQStatus KQImageFileTestPassword(const char* path, const char* password, bool* result);
 
 /* Opens the chain that the given files form.
  *
