@@ -1,0 +1,89 @@
+#include "kqimage/chain_reader.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <kqimageformat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "kqimage/block_compare.h"
+#include "kqimage/failure.h"
+#include "kqimage/text.h"
+
+namespace kqimage {
+namespace {
+
+constexpr std::size_t kProbeBytes = 64 * 1024;
+constexpr std::size_t kMaxListedPath = 4095;  // the library cuts a path behind this
+
+// A chain's sectors are at least 512 bytes for its reader, whatever a file says.
+constexpr std::uint32_t kSmallestReadableSector = 512;
+
+void RefuseUnreadable(const ImageFile& file) {
+  if (file.info.encryptionType != KQ_ENCRYPTION_NONE) {
+    throw Failure(fmt::format("{} is enciphered ({}), and kqimage can't be given a password yet",
+                              Printable(file.path), EncryptionText(file.info.encryptionType)));
+  }
+  if (file.info.sectorSize < kSmallestReadableSector) {
+    throw Failure(
+        fmt::format("{} has sectors of {} bytes; below {} bytes its data can't be read "
+                    "back as they were written",
+                    Printable(file.path), file.info.sectorSize, kSmallestReadableSector));
+  }
+}
+
+}  // namespace
+
+ChainReader::ChainReader(const Chain& chain)
+    : newestPath_(chain.back().path),
+      volumeSize_(chain.back().info.sourceSize),
+      probe_(kProbeBytes) {
+  std::string list;
+  for (const ImageFile& file : chain) {
+    RefuseUnreadable(file);
+    if (!list.empty()) list += '|';
+    if (file.path.find('|') == std::string::npos && file.path.size() <= kMaxListedPath) {
+      list += file.path;
+      continue;
+    }
+    UniqueFd fd(open(file.path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) FailErrno(errno, "open", file.path);
+    list += fmt::format("/proc/self/fd/{}", fd.Get());
+    opened_.push_back(std::move(fd));
+  }
+  Check(KQImageFilesOpen(list.c_str(), nullptr, 0, &handle_), "open the image", newestPath_);
+}
+
+ChainReader::~ChainReader() { KQImageFilesClose(handle_, nullptr, nullptr, 0); }
+
+void ChainReader::Read(std::uint64_t offset, std::span<std::byte> bytes) const {
+  const KQStatus status = KQImageFilesRead(handle_, offset, bytes.data(),
+                                           static_cast<std::uint32_t>(bytes.size()), nullptr);
+  if (status.status == KQ_STATUS_SUCCESS) return;
+  throw Failure(fmt::format("cannot read the image {} at byte {} of the volume: {}",
+                            Printable(newestPath_), offset, StatusText(status)));
+}
+
+void ChainReader::ReadWhole(std::uint64_t offset, std::span<std::byte> bytes) {
+  Read(offset, bytes);
+  std::size_t zeroStart = bytes.size();
+  while (zeroStart > 0) {
+    const std::size_t length = std::min(kProbeBytes, zeroStart);
+    if (!IsZero(bytes.subspan(zeroStart - length, length))) break;
+    zeroStart -= length;
+  }
+  for (std::size_t start = zeroStart; start < bytes.size(); start += kProbeBytes) {
+    const std::size_t length = std::min(kProbeBytes, bytes.size() - start);
+    const std::span<std::byte> probe = std::span(probe_).first(length);
+    Read(offset + start, probe);
+    if (!IsZero(probe)) {
+      throw Failure(
+          fmt::format("the image {} is damaged: a chunk at or behind byte {} of the "
+                      "volume can't be decompressed",
+                      Printable(newestPath_), offset));
+    }
+  }
+}
+
+}  // namespace kqimage

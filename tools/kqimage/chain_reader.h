@@ -1,0 +1,49 @@
+// Reads a chain of images as one flat volume.
+//
+// The library reports most damage by a status, but a chunk whose compressed stream is damaged reads
+// as zero, and so does the rest of the same read, under a status of success. A restore must not
+// take such zeros for data; ReadWhole finds most of them.
+#ifndef KQIMAGE_CHAIN_READER_H
+#define KQIMAGE_CHAIN_READER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kqimage/image_file.h"
+#include "kqimage/unique_fd.h"
+
+namespace kqimage {
+
+class ChainReader {
+ public:
+  // Opens the chain. Throws a Failure if it can't be read.
+  explicit ChainReader(const Chain& chain);
+  ~ChainReader();
+  ChainReader(const ChainReader&) = delete;
+  ChainReader& operator=(const ChainReader&) = delete;
+
+  // Fills bytes from the volume's offset; what no file holds is zero.
+  void Read(std::uint64_t offset, std::span<std::byte> bytes) const;
+
+  // The same, and throws if zeros at the end of the range hide a damaged chunk: data behind such a
+  // chunk come up when they are read by themselves. Damage stays unnoticed only where nothing but
+  // zero follows it in the range.
+  void ReadWhole(std::uint64_t offset, std::span<std::byte> bytes);
+
+  // The SourceSize of the newest image.
+  std::uint64_t VolumeSize() const { return volumeSize_; }
+
+ private:
+  std::string newestPath_;
+  std::uint64_t volumeSize_ = 0;
+  std::uint64_t handle_ = 0;
+  std::vector<UniqueFd> opened_;  // files whose path can't stand in the library's list
+  std::vector<std::byte> probe_;
+};
+
+}  // namespace kqimage
+
+#endif

@@ -1,0 +1,20 @@
+// The commands of kqimage. Each function adds one to the command line, with its own options; the
+// command that is chosen puts its work into run.
+#ifndef KQIMAGE_COMMANDS_H
+#define KQIMAGE_COMMANDS_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+namespace kqimage {
+
+using Run = std::function<void()>;
+
+void AddCreateCommand(CLI::App& app, Run& run);
+void AddIncrementCommand(CLI::App& app, Run& run);
+void AddRestoreCommand(CLI::App& app, Run& run);
+void AddInfoCommand(CLI::App& app, Run& run);
+
+}  // namespace kqimage
+
+#endif

@@ -1,0 +1,88 @@
+#include "kqimage/header_template.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <kqimageformat.h>
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "kqimage/failure.h"
+#include "kqimage/text.h"
+#include "kqimage/unique_fd.h"
+
+namespace kqimage {
+namespace {
+
+// Header and one chunk share a budget of 1 MiB in the library. A header that leaves less than this
+// for chunks is nobody's idea of a header.
+constexpr std::size_t kMaxHeaderBytes = std::size_t{512} << 10;
+
+void FillRandomId(std::uint8_t (&id)[16]) {
+  if (getrandom(id, sizeof id, 0) != sizeof id) FailErrno(errno, "read", "the random device");
+  // Version 4 and the usual variant. The version stands in the third group, whose bytes are
+  // reversed.
+  id[7] = static_cast<std::uint8_t>((id[7] & 0x0F) | 0x40);
+  id[8] = static_cast<std::uint8_t>((id[8] & 0x3F) | 0x80);
+}
+
+void ReadExactly(const UniqueFd& file, std::span<std::byte> bytes, const std::string& path) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t got =
+        pread(file.Get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) FailErrno(errno, "read the header of", path);
+    if (got == 0) throw Failure(fmt::format("{} ends in its header", Printable(path)));
+    done += static_cast<std::size_t>(got);
+  }
+}
+
+// Gives the header an empty ExtendedRecord, and no comment, if it has none: only with a record does
+// a new image carry checksums of its header.
+void EnsureExtendedRecord(HeaderTemplate& made, ImageHeader header) {
+  if ((header.Flags & KQ_FLAG_EXTENDED_RECORD) != 0) return;
+  header.Flags |= KQ_FLAG_EXTENDED_RECORD;
+  const std::size_t start =
+      std::min<std::size_t>(sizeof header + header.KeyBlobLength, made.sectorSize);
+  std::memset(made.bytes.data() + start, 0, made.sectorSize - start);
+  std::memcpy(made.bytes.data(), &header, sizeof header);
+}
+
+}  // namespace
+
+HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType) {
+  ImageHeader header = {};
+  std::memcpy(header.Magic, KQ_MAGIC_FINISHED, sizeof header.Magic);
+  header.SectorSize = sectorSize;
+  header.HeaderSectors = 1;
+  header.CompressionType = compressionType;
+  FillRandomId(header.ImageSetId);
+  // ImageId stays zero: it becomes the new image's ParentImageId, which makes it a base.
+  HeaderTemplate made = {.bytes = std::vector<std::byte>(sectorSize), .sectorSize = sectorSize};
+  std::memcpy(made.bytes.data(), &header, sizeof header);
+  EnsureExtendedRecord(made, header);
+  return made;
+}
+
+HeaderTemplate MakeIncrementTemplate(const ImageFile& parent, std::uint32_t compressionType) {
+  const UniqueFd file(open(parent.path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) FailErrno(errno, "open", parent.path);
+  ImageHeader header = {};
+  ReadExactly(file, std::as_writable_bytes(std::span(&header, 1)), parent.path);
+  const std::uint64_t bytes = std::uint64_t{header.SectorSize} * header.HeaderSectors;
+  if (header.SectorSize < sizeof header || bytes > kMaxHeaderBytes) {
+    throw Failure(
+        fmt::format("the header of {} is too large to be carried on", Printable(parent.path)));
+  }
+  HeaderTemplate made = {.bytes = std::vector<std::byte>(bytes), .sectorSize = header.SectorSize};
+  ReadExactly(file, made.bytes, parent.path);
+  header.CompressionType = compressionType;
+  std::memcpy(made.bytes.data(), &header, sizeof header);
+  EnsureExtendedRecord(made, header);
+  return made;
+}
+
+}  // namespace kqimage

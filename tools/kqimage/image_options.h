@@ -1,0 +1,26 @@
+// The options that the commands which make images share.
+#ifndef KQIMAGE_IMAGE_OPTIONS_H
+#define KQIMAGE_IMAGE_OPTIONS_H
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kqimage {
+
+struct ImageOptions {
+  std::optional<std::uint32_t> compression;
+  std::string comment;
+  bool force = false;
+  bool quiet = false;
+};
+
+// Adds --compress, --comment, --force and --quiet. defaultText tells what holds without --compress.
+void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string& defaultText);
+
+void AddQuietOption(CLI::App& command, bool& quiet);
+
+}  // namespace kqimage
+
+#endif

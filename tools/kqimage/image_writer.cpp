@@ -1,0 +1,65 @@
+#include "kqimage/image_writer.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "kqimage/block_compare.h"
+#include "kqimage/failure.h"
+#include "kqimage/text.h"
+
+namespace kqimage {
+namespace {
+
+// Handles of images that were given up. They stay referred to until the process ends, so that a
+// leak checker can tell them from memory that was lost.
+std::vector<std::uint64_t>& GivenUp() {
+  static auto* handles = new std::vector<std::uint64_t>;
+  return *handles;
+}
+
+}  // namespace
+
+ImageWriter::ImageWriter(const std::string& path, const std::string& name,
+                         const HeaderTemplate& header, std::uint64_t volumeSize)
+    : path_(path), name_(name), sectorSize_(header.sectorSize) {
+  GivenUp().reserve(GivenUp().size() + 1);
+  Check(KQNewImageFileCreate2(header.bytes.data(), static_cast<std::uint32_t>(header.bytes.size()),
+                              nullptr, path.c_str(), &volumeSize, nullptr, nullptr, nullptr,
+                              &handle_),
+        "create the image", name);
+}
+
+ImageWriter::~ImageWriter() {
+  if (handle_ != 0) GivenUp().push_back(handle_);
+}
+
+void ImageWriter::Write(std::uint64_t offset, std::span<const std::byte> bytes) {
+  const std::size_t whole = (bytes.size() + sectorSize_ - 1) / sectorSize_ * sectorSize_;
+  bytes = {bytes.data(), whole};
+  Check(KQNewImageFileWrite(handle_, bytes.data(), static_cast<std::uint32_t>(whole), offset),
+        "write the image", name_);
+  tail_.Keep(offset, bytes);
+  storedBytes_ += whole;
+}
+
+void ImageWriter::WriteZeros(std::uint64_t offset, std::uint64_t length) {
+  static const std::vector<std::byte> zeros(std::size_t{64} << 10);
+  while (length > 0) {
+    const std::uint64_t part = std::min<std::uint64_t>(length, zeros.size());
+    Write(offset, std::span(zeros).first(static_cast<std::size_t>(part)));
+    offset += part;
+    length -= part;
+  }
+}
+
+void ImageWriter::Finish(const std::string& comment, const Chain& parents) {
+  Check(KQNewImageFileClose(handle_, comment.c_str()), "complete the image", name_);
+  handle_ = 0;
+  Chain chain = parents;
+  chain.push_back(ReadImageFile(path_));
+  tail_.Verify(ChainReader(chain), name_);
+}
+
+}  // namespace kqimage

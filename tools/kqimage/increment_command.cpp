@@ -1,0 +1,172 @@
+// kqimage increment: an image of what has changed since an earlier one.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "kqimage/block_compare.h"
+#include "kqimage/chain_finder.h"
+#include "kqimage/chain_reader.h"
+#include "kqimage/commands.h"
+#include "kqimage/failure.h"
+#include "kqimage/file_identity.h"
+#include "kqimage/image_options.h"
+#include "kqimage/image_writer.h"
+#include "kqimage/interrupt.h"
+#include "kqimage/next_name.h"
+#include "kqimage/output_file.h"
+#include "kqimage/progress.h"
+#include "kqimage/text.h"
+#include "kqimage/volume_pieces.h"
+#include "kqimage/volume_source.h"
+
+namespace kqimage {
+namespace {
+
+constexpr char kExamples[] = R"(Examples:
+  kqimage increment /dev/sdb1 /backup/data.twf
+  kqimage increment /dev/sdb1 /backup/data-i001.twi /backup/tuesday.twi
+  kqimage increment disk.img b.twi c.twi --chain /elsewhere/a.twf
+
+The images that IMAGE builds on are found in its folder by what their headers say, whatever their
+names are. If nothing has changed, no file is made.)";
+
+struct IncrementOptions {
+  std::string source;
+  std::string image;
+  std::string out;
+  std::vector<std::string> chain;
+  ImageOptions common;
+};
+
+Chain ResolveChain(const IncrementOptions& options) {
+  if (options.chain.empty()) return FindChain(options.image);
+  std::vector<std::string> files = options.chain;
+  files.push_back(options.image);
+  Chain chain = OrderChain(files);
+  const ImageFile image = ReadImageFile(options.image);
+  if (std::memcmp(image.info.imageId, chain.back().info.imageId, sizeof image.info.imageId) != 0) {
+    throw Failure(fmt::format("{} is newer than {}: the chain must end at IMAGE",
+                              Printable(chain.back().path), Printable(options.image)));
+  }
+  return chain;
+}
+
+void RefuseOwnInput(const std::string& out, const std::string& source, const Chain& chain) {
+  const auto identity = IdentityOf(out);
+  if (!identity) return;
+  if (identity == IdentityOf(source)) {
+    throw Failure(fmt::format("{} is the volume itself", Printable(out)));
+  }
+  for (const ImageFile& file : chain) {
+    if (identity == IdentityOf(file.path)) {
+      throw Failure(
+          fmt::format("{} belongs to the chain that the new image is to build on", Printable(out)));
+    }
+  }
+}
+
+void StoreDifferences(const VolumeSource& source, const ChainReader& chain, ImageWriter& writer,
+                      Progress& progress) {
+  ReadAhead newPieces(source.Pieces(VolumeSource::Holes::kCellByCell));
+  ReadAhead oldPieces(VolumePieces(
+      source.Size(),
+      [&chain](std::uint64_t offset, std::span<std::byte> bytes) { chain.Read(offset, bytes); }));
+  while (const Piece* now = newPieces.Next()) {
+    ThrowIfInterrupted();
+    const Piece* before = oldPieces.Next();
+    if (now->isZero) {
+      // What became zero must be stored: a hole of the increment would show the parent's bytes.
+      for (const Stretch& stretch : NonZeroStretches(before->Bytes())) {
+        writer.WriteZeros(now->offset + stretch.offset, stretch.length);
+      }
+    } else {
+      const std::span<std::byte> bytes = now->Bytes();
+      for (const Stretch& stretch : DifferentStretches(bytes, before->Bytes())) {
+        writer.Write(now->offset + stretch.offset, bytes.subspan(stretch.offset, stretch.length));
+      }
+    }
+    progress.Update(now->offset + now->length);
+  }
+}
+
+// Stores the volume's first block although it is the same: a volume that has only changed its size
+// needs an image that says so, and an image without any data is removed when it is completed.
+void StoreUnchangedBlock(const ChainReader& chain, std::uint64_t volumeSize, ImageWriter& writer) {
+  std::vector<std::byte> block(kBlockBytes);
+  const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(volumeSize, kBlockBytes));
+  chain.Read(0, std::span(block).first(length));
+  writer.Write(0, std::span(block).first(length));
+}
+
+void Increment(const IncrementOptions& options) {
+  const std::string out = options.out.empty() ? NextIncrementPath(options.image) : options.out;
+  if (!HasExtension(out, ".twi")) {
+    throw UsageFailure(fmt::format("{}: the name of an increment ends in .twi", Printable(out)));
+  }
+  const VolumeSource source(options.source);
+  const Chain chain = ResolveChain(options);
+  RefuseOwnInput(out, options.source, chain);
+  const ChainReader reader(chain);
+  const ImageFile& parent = chain.back();
+
+  OutputFile output(
+      out, options.common.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
+      OutputFile::Growth::kUnderFinalName);
+  const HeaderTemplate header = MakeIncrementTemplate(
+      parent, options.common.compression.value_or(parent.info.compressionType));
+  ImageWriter writer(output.WritePath(), out, header, source.Size());
+  double seconds = 0;
+  {
+    Progress progress("Comparing", source.Size(), options.common.quiet);
+    StoreDifferences(source, reader, writer, progress);
+    if (writer.StoredBytes() == 0 && source.Size() != reader.VolumeSize()) {
+      StoreUnchangedBlock(reader, source.Size(), writer);
+    }
+    if (writer.StoredBytes() > 0) {
+      writer.Finish(options.common.comment, chain);
+      ThrowIfInterrupted();
+      output.Commit();
+    }
+    seconds = progress.SecondsSoFar();
+  }
+  if (options.common.quiet) return;
+  if (writer.StoredBytes() == 0) {
+    fmt::print("{} has not changed since {}: no image made\n", Printable(options.source),
+               Printable(options.image));
+    return;
+  }
+  fmt::print("{}: increment of {} since {}, {} of {} stored in {}, {:.1f} s\n", Printable(out),
+             Printable(options.source), Printable(options.image), SizeText(writer.StoredBytes()),
+             SizeText(source.Size()), SizeText(std::filesystem::file_size(out)), seconds);
+}
+
+}  // namespace
+
+void AddIncrementCommand(CLI::App& app, Run& run) {
+  const auto options = std::make_shared<IncrementOptions>();
+  CLI::App* command =
+      app.add_subcommand("increment", "Make an image of what has changed since an earlier image");
+  command->add_option("SOURCE", options->source, "The volume: a block device or a regular file")
+      ->required()
+      ->type_name("");
+  command->add_option("IMAGE", options->image, "The image to build on")->required()->type_name("");
+  command
+      ->add_option("OUT", options->out,
+                   "The new image, NAME.twi; without it the next free name beside IMAGE")
+      ->type_name("");
+  command
+      ->add_option("--chain", options->chain,
+                   "A file that IMAGE builds on; give it for each of them, then no folder is "
+                   "searched")
+      ->allow_extra_args(false)
+      ->type_name("FILE");
+  AddImageOptions(*command, options->common, "IMAGE's own without this option");
+  command->footer(kExamples);
+  command->callback([options, &run] { run = [options] { Increment(*options); }; });
+}
+
+}  // namespace kqimage

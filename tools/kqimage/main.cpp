@@ -1,0 +1,79 @@
+// kqimage: makes, reads and restores backup images of volumes.
+//
+// Exit status: 0 done, 1 failed or interrupted, 2 the command line makes no sense.
+
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <exception>
+#include <new>
+
+#include "kqimage/commands.h"
+#include "kqimage/failure.h"
+#include "kqimage/interrupt.h"
+
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+constexpr char kExamples[] = R"(Examples:
+  kqimage create /dev/sdb1 /backup/data.twf        a full image
+  kqimage increment /dev/sdb1 /backup/data.twf     what has changed since
+  kqimage info /backup/data-i001.twi               what an image is
+  kqimage restore /backup/data-i001.twi --to disk.img
+
+kqimage COMMAND --help tells more about each command.)";
+
+int Fail(std::string_view message, int exitStatus) {
+  fmt::print(stderr, "kqimage: {}\n", message);
+  return exitStatus;
+}
+
+int RunCommand(const kqimage::Run& run) {
+  try {
+    kqimage::CatchInterrupts();
+    run();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+      return Fail("cannot write to standard output", kExitFailure);
+    }
+    return 0;
+  } catch (const kqimage::Interrupted&) {
+    return Fail("interrupted; what was unfinished has been removed", kExitFailure);
+  } catch (const kqimage::UsageFailure& failure) {
+    return Fail(failure.what(), kExitUsage);
+  } catch (const kqimage::Failure& failure) {
+    return Fail(failure.what(), kExitFailure);
+  } catch (const std::bad_alloc&) {
+    return Fail("not enough memory", kExitFailure);
+  } catch (const std::exception& exception) {
+    return Fail(exception.what(), kExitFailure);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Makes, reads and restores backup images of volumes", "kqimage");
+  app.set_version_flag("--version", "kqimage " KQIMAGE_VERSION);
+  app.require_subcommand(1);
+  app.footer(kExamples);
+  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+    std::string command = "kqimage";
+    for (const CLI::App* used : failed->get_subcommands()) command += " " + used->get_name();
+    return fmt::format("kqimage: {}\n{} --help tells how it is used.\n", error.what(), command);
+  });
+
+  kqimage::Run run;
+  kqimage::AddCreateCommand(app, run);
+  kqimage::AddIncrementCommand(app, run);
+  kqimage::AddRestoreCommand(app, run);
+  kqimage::AddInfoCommand(app, run);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kExitUsage;
+  }
+  return RunCommand(run);
+}
