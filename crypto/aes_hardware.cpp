@@ -81,48 +81,81 @@ KQ_TARGET_AES void Expand256(const std::uint8_t* keyBytes, std::uint32_t* words)
   Store(words + 56, NextFromRotated<0x40>(low, high));
 }
 
+// With the rounds known, the loops over them unroll and the round keys stay in registers.
+template <int kRounds>
 KQ_TARGET_AES inline __m128i DecipherBlock(__m128i block, const AES_KEY& key) {
   block = _mm_xor_si128(block, RoundKey(key, 0));
-  for (int round = 1; round < key.rounds; ++round) {
+  for (int round = 1; round < kRounds; ++round) {
     block = _mm_aesdec_si128(block, RoundKey(key, round));
   }
-  return _mm_aesdeclast_si128(block, RoundKey(key, key.rounds));
+  return _mm_aesdeclast_si128(block, RoundKey(key, kRounds));
 }
 
 // A block's rounds wait for each other, so one block alone leaves the unit idle most of the time;
 // eight in flight fill it.
+template <int kRounds>
 KQ_TARGET_AES void CbcDecrypt(const std::uint8_t* in, std::uint8_t* out, const std::uint8_t* vector,
                               std::size_t length, const AES_KEY& key) {
   constexpr std::size_t kDepth = 8;
   __m128i previous = Load(vector);
   for (; length >= kDepth * kAesBlockBytes; length -= kDepth * kAesBlockBytes) {
-    __m128i ciphertext[kDepth];
     __m128i state[kDepth];
-    const __m128i first = RoundKey(key, 0);
+    __m128i chained[kDepth];
+    KQ_UNROLL_DEPTH
     for (std::size_t i = 0; i < kDepth; ++i) {
-      ciphertext[i] = Load(in + i * kAesBlockBytes);
-      state[i] = _mm_xor_si128(ciphertext[i], first);
+      const __m128i ciphertext = Load(in + i * kAesBlockBytes);
+      state[i] = _mm_xor_si128(ciphertext, RoundKey(key, 0));
+      chained[i] = previous;
+      previous = ciphertext;
     }
-    for (int round = 1; round < key.rounds; ++round) {
+    for (int round = 1; round < kRounds; ++round) {
       const __m128i roundKey = RoundKey(key, round);
-      for (__m128i& block : state) block = _mm_aesdec_si128(block, roundKey);
+      KQ_UNROLL_DEPTH
+      for (std::size_t i = 0; i < kDepth; ++i) state[i] = _mm_aesdec_si128(state[i], roundKey);
     }
-    const __m128i last = RoundKey(key, key.rounds);
+    const __m128i last = RoundKey(key, kRounds);
+    KQ_UNROLL_DEPTH
     for (std::size_t i = 0; i < kDepth; ++i) {
+      // The last round XORs its key in, so the chained ciphertext can ride on it.
       Store(out + i * kAesBlockBytes,
-            _mm_xor_si128(_mm_aesdeclast_si128(state[i], last), previous));
-      previous = ciphertext[i];
+            _mm_aesdeclast_si128(state[i], _mm_xor_si128(last, chained[i])));
     }
     in += kDepth * kAesBlockBytes;
     out += kDepth * kAesBlockBytes;
   }
   for (; length >= kAesBlockBytes; length -= kAesBlockBytes) {
     const __m128i ciphertext = Load(in);
-    Store(out, _mm_xor_si128(DecipherBlock(ciphertext, key), previous));
+    Store(out, _mm_xor_si128(DecipherBlock<kRounds>(ciphertext, key), previous));
     previous = ciphertext;
     in += kAesBlockBytes;
     out += kAesBlockBytes;
   }
+}
+
+// Each block waits for the one before, so what counts is the chain of dependent instructions. The
+// next block's plaintext, whitened with the first round key, goes into the last round of this block
+// in place of the last round key alone: that gives the next block's state at once, and the chain is
+// the rounds and nothing else.
+template <int kRounds>
+KQ_TARGET_AES void CbcEncrypt(const std::uint8_t* in, std::uint8_t* out, const std::uint8_t* vector,
+                              std::size_t blocks, const AES_KEY& key) {
+  const __m128i first = RoundKey(key, 0);
+  const __m128i last = RoundKey(key, kRounds);
+  __m128i state = _mm_xor_si128(Load(vector), _mm_xor_si128(Load(in), first));
+  for (; blocks > 1; --blocks) {
+    const __m128i nextWhitened = _mm_xor_si128(Load(in + kAesBlockBytes), first);
+    for (int round = 1; round < kRounds; ++round) {
+      state = _mm_aesenc_si128(state, RoundKey(key, round));
+    }
+    state = _mm_aesenclast_si128(state, _mm_xor_si128(last, nextWhitened));
+    Store(out, _mm_xor_si128(state, nextWhitened));
+    in += kAesBlockBytes;
+    out += kAesBlockBytes;
+  }
+  for (int round = 1; round < kRounds; ++round) {
+    state = _mm_aesenc_si128(state, RoundKey(key, round));
+  }
+  Store(out, _mm_aesenclast_si128(state, last));
 }
 
 void CheckAlignment(const AES_KEY* key) {
@@ -158,25 +191,37 @@ KQ_TARGET_AES void AesHardwareSetDecryptKey(const std::uint8_t* keyBytes, std::u
   }
 }
 
-KQ_TARGET_AES void AesCbcEncryptHardware(const std::uint8_t* in, std::uint8_t* out,
-                                         const std::uint8_t* vector, std::size_t length,
-                                         const AES_KEY& key) {
-  __m128i chained = Load(vector);
-  for (; length >= kAesBlockBytes; length -= kAesBlockBytes) {
-    chained = _mm_xor_si128(chained, _mm_xor_si128(Load(in), RoundKey(key, 0)));
-    for (int round = 1; round < key.rounds; ++round) {
-      chained = _mm_aesenc_si128(chained, RoundKey(key, round));
-    }
-    chained = _mm_aesenclast_si128(chained, RoundKey(key, key.rounds));
-    Store(out, chained);
-    in += kAesBlockBytes;
-    out += kAesBlockBytes;
+void AesCbcEncryptHardware(const std::uint8_t* in, std::uint8_t* out, const std::uint8_t* vector,
+                           std::size_t length, const AES_KEY& key) {
+  const std::size_t blocks = length / kAesBlockBytes;
+  if (blocks == 0) return;
+  if (key.rounds == 10) {
+    CbcEncrypt<10>(in, out, vector, blocks, key);
+  } else {
+    CbcEncrypt<14>(in, out, vector, blocks, key);
   }
 }
 
 void AesCbcDecryptHardware(const std::uint8_t* in, std::uint8_t* out, const std::uint8_t* vector,
                            std::size_t length, const AES_KEY& key) {
-  CbcDecrypt(in, out, vector, length, key);
+  std::uint8_t chained[kAesBlockBytes];
+  std::memcpy(chained, vector, kAesBlockBytes);
+  std::size_t done = 0;
+  switch (AesGetDecryptVectorBlocks()) {
+    case AesVectorBlocks::kFour:
+      done = AesCbcDecryptGroupsAvx512(in, out, chained, length, key);
+      break;
+    case AesVectorBlocks::kTwo:
+      done = AesCbcDecryptGroupsAvx2(in, out, chained, length, key);
+      break;
+    default:
+      break;
+  }
+  if (key.rounds == 10) {
+    CbcDecrypt<10>(in + done, out + done, chained, length - done, key);
+  } else {
+    CbcDecrypt<14>(in + done, out + done, chained, length - done, key);
+  }
 }
 
 }  // namespace kq

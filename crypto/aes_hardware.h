@@ -7,6 +7,14 @@
 
 #include "crypto/aes.h"
 
+// Stands before each loop over the blocks in flight: unrolled, they live in registers; as a loop,
+// in memory, at a third of the speed.
+#ifdef __clang__
+#define KQ_UNROLL_DEPTH _Pragma("unroll 8")
+#else
+#define KQ_UNROLL_DEPTH _Pragma("GCC unroll 8")
+#endif
+
 namespace kq {
 
 void AesHardwareSetEncryptKey(const std::uint8_t* keyBytes, std::uint32_t bits, AES_KEY* key);
