@@ -11,6 +11,9 @@ target_compile_options(kqimageapi PRIVATE -fno-exceptions)
 target_link_libraries(kqimageapi PRIVATE
   $<LINK_LIBRARY:WHOLE_ARCHIVE,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation>
   PkgConfig::UUID)
+# The rooms link each other as well, and each must come in whole only once.
+set_property(TARGET kqimageapi PROPERTY LINK_LIBRARY_OVERRIDE
+  WHOLE_ARCHIVE,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation)
 target_link_options(kqimageapi PRIVATE
   LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/kqimageapi.map LINKER:--as-needed)
 if(NOT KQ_SANITIZE)
