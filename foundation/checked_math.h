@@ -26,7 +26,7 @@ namespace kq {
 [[nodiscard]] inline bool CheckedRoundUp(std::uint64_t value, std::uint64_t unit,
                                          std::uint64_t* rounded) {
   const std::uint64_t rest = value % unit;
-  return rest == 0 ? (*rounded = value, true) : CheckedAdd(value, unit - rest, rounded);
+  return CheckedAdd(value, rest == 0 ? 0 : unit - rest, rounded);
 }
 
 }  // namespace kq
