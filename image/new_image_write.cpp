@@ -1,0 +1,45 @@
+// Sectors on their way into the chunk under construction.
+#include <algorithm>
+#include <cstring>
+
+#include "foundation/log.h"
+#include "image/new_image_file.h"
+
+namespace kq {
+namespace {
+
+constexpr char kModule[] = "utimagefile";
+
+bool HasRoomForRun(const RunWriter& runs) { return runs.End - runs.Cursor > kRunListReserve; }
+
+}  // namespace
+
+KQStatus AppendSectors(NewImageFile* image, const std::uint8_t* data, std::uint32_t size,
+                       std::uint64_t offset) {
+  if (size == 0) return Success();
+  // The header left no room behind a ChunkHead.
+  if (image->ChunkBufferSize <= image->SectorSize) return KQ_FAIL(kInvalidData);
+
+  std::uint32_t done = 0;
+  while (done < size) {
+    if (!HasRoomForRun(image->ChunkRuns)) KQ_RETURN_IF_FAILED(FlushChunk(image));
+
+    // A full chunk is still here only if its flush failed before.
+    if (image->ChunkFill == image->ChunkBufferSize) KQ_RETURN_IF_FAILED(FlushChunk(image));
+    const std::uint32_t piece = std::min(size - done, image->ChunkBufferSize - image->ChunkFill);
+    const std::uint64_t pieceOffset = offset + done;
+    std::memcpy(image->ChunkBuffer.data() + image->ChunkFill, data + done, piece);
+    image->ChunkFill += piece;
+
+    if (image->ChunkRuns.Cursor < image->ChunkRuns.End) {
+      if (piece < image->SectorSize) LogAssertion("zero-length run");
+      EnterRun(&image->ChunkRuns, {pieceOffset, piece / image->SectorSize});
+    }
+    if (image->ChunkFill == image->SectorSize + piece) image->ChunkVolumeOffset = pieceOffset;
+    if (image->ChunkFill == image->ChunkBufferSize) KQ_RETURN_IF_FAILED(FlushChunk(image));
+    done += piece;
+  }
+  return Success();
+}
+
+}  // namespace kq
