@@ -1,0 +1,147 @@
+// The counts of a ChunkHead are 32 bits wide and may claim terabytes, so memory follows what the
+// file really holds:
+//
+// - A chunk's size is a u32. Sizes beyond it give -8, as memory that can't be had.
+// - What a raw chunk claims beyond its file's end, and all data of a chunk without a body, is zero
+//   and takes no memory (ExpandedChunk).
+// - A compressed or enciphered body that claims more than its file holds is filled up with zeros,
+//   but with no more than kLongestTail. That decides nothing for a compressed stream: no stream
+//   that goes on for longer in zeros decodes (see there). An enciphered one gives -8.
+// - A stream can't expand without bounds, whatever ExpandedSectors says (LargestExpansion).
+#include "image/chunk_decode.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "codec/compressor.h"
+#include "codec/huffman_stage.h"
+#include "codec/lzo_block.h"
+#include "foundation/checked_math.h"
+#include "foundation/little_endian.h"
+#include "image/shared_compressor.h"
+
+namespace kq {
+namespace {
+
+constexpr char kModule[] = "utimagefile";
+
+constexpr std::uint64_t kLargestSize = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint64_t kLengthBytes = 4;  // the stream's length in front of it
+
+// Zeros that a body may have behind its file's end and still decode: an LZO frame of at most
+// 0xFFFFFF bytes can end in bytes that nobody looks at, and no frame starts in zeros. A Huffman
+// stream of zeros fills the work area with far less.
+constexpr std::uint64_t kLongestTail = 0x1010000;
+
+// The stored form of a chunk: its sectors as far as the file holds them, zero behind.
+struct StoredChunk {
+  HeapBuffer bytes;
+  std::uint64_t heldBytes = 0;  // that came from the file
+};
+
+KQStatus ReadStored(const ChunkPlace& place, std::uint64_t storedBytes, bool needsTail,
+                    StoredChunk* stored) {
+  const std::uint64_t readable = ReadableLength(*place.File, place.FileOffset, storedBytes);
+  const std::uint64_t size = needsTail ? std::min(storedBytes, readable + kLongestTail) : readable;
+  stored->bytes = HeapBuffer::AllocateAligned(kSectorAlignment, size);
+  if (!stored->bytes) return KQ_FAIL(kNotEnoughMemory);
+  std::uint32_t held = 0;
+  KQ_RETURN_IF_FAILED(OSFileReadAligned(place.File->File, place.FileOffset, stored->bytes.data(),
+                                        static_cast<std::uint32_t>(readable), &held));
+  stored->heldBytes = held;
+  std::memset(stored->bytes.data() + held, 0, size - held);
+  return Success();
+}
+
+KQStatus Decipher(const ChunkPlace& place, StoredChunk* stored) {
+  const std::uint64_t head = place.File->WorkSectorSize;
+  const std::uint64_t storedBytes = head * place.StoredSectors;
+  if (stored->bytes.size() < storedBytes) return KQ_FAIL(kNotEnoughMemory);
+  alignas(16) std::uint8_t vector[16] = {};
+  StoreU64(vector, place.ChunkVolumeOffset);
+  std::uint8_t* body = stored->bytes.data() + head;
+  if (Failed(ImageDecipherRun(*place.File->Crypto, body, body,
+                              static_cast<std::uint32_t>(storedBytes - head), vector))) {
+    return KQ_FAIL(kDecryptionFailed);
+  }
+  stored->heldBytes = storedBytes;
+  return Success();
+}
+
+// No stream of that length expands to more: every byte of an LZO stream adds 255 bytes at most, and
+// type 6 keeps the LZO stream in its work area.
+std::uint64_t LargestExpansion(std::uint32_t compressionType, std::uint64_t streamLength) {
+  const std::uint64_t lzoLength = compressionType == kCompressionLzoHuffman
+                                      ? std::min(streamLength * 8, kHuffmanWorkAreaBytes)
+                                      : streamLength;
+  return lzoLength * 256;
+}
+
+KQStatus Expand(const ChunkPlace& place, const StoredChunk& stored, std::uint64_t size,
+                ExpandedChunk* chunk, DecodeOutcome* outcome) {
+  const std::uint64_t head = place.File->WorkSectorSize;
+  // A work sector is 512 bytes or more, so the body holds the length at least.
+  const std::uint64_t bodyBytes = head * place.StoredSectors - head;
+  const std::uint32_t streamLength = LoadU32(stored.bytes.data() + head);
+  if (streamLength + kLengthBytes > bodyBytes) return KQ_FAIL(kInvalidData);
+
+  const std::uint8_t* stream = stored.bytes.data() + head + kLengthBytes;
+  const std::uint64_t present =
+      std::min<std::uint64_t>(streamLength, stored.bytes.size() - head - kLengthBytes);
+  const std::uint32_t type = place.File->CompressionType;
+  std::uint64_t outputLength = std::min(size - head, LargestExpansion(type, present));
+  HeapBuffer expanded = HeapBuffer::AllocateAligned(kSectorAlignment, head + outputLength);
+  if (!expanded) return KQ_FAIL(kNotEnoughMemory);
+  std::memcpy(expanded.data(), stored.bytes.data(), head);
+
+  bool good = false;
+  if (type == kCompressionLzoHuffman) {
+    good = SharedCompressorDecode(stream, present, expanded.data() + head, &outputLength);
+  } else {
+    std::uint64_t consumed = 0;
+    good = LzoBlockDecompress(stream, present, expanded.data() + head, &outputLength, &consumed) ==
+               kLzoSuccess &&
+           consumed == streamLength;
+  }
+  if (!good) {
+    *outcome = DecodeOutcome::kBadStream;
+    return Success();
+  }
+  // A stream may yield less than the chunk claims; the rest is zero.
+  chunk->Data = std::move(expanded);
+  chunk->PresentBytes = static_cast<std::uint32_t>(head + outputLength);
+  return Success();
+}
+
+}  // namespace
+
+KQStatus ChunkDecode(const ChunkPlace& place, ExpandedChunk* chunk, DecodeOutcome* outcome) {
+  const OpenImageFile& file = *place.File;
+  const std::uint32_t storedSectors = place.StoredSectors;
+  *outcome = DecodeOutcome::kExpanded;
+  if (storedSectors == 0 || place.ExpandedSectors < 2 || storedSectors > place.ExpandedSectors) {
+    return KQ_FAIL(kFileCorrupt);
+  }
+  const bool isRaw = storedSectors == place.ExpandedSectors;
+  if (file.CompressionType == kCompressionNone && !isRaw) return KQ_FAIL(kFileCorrupt);
+
+  const std::uint64_t storedBytes = std::uint64_t{storedSectors} * file.WorkSectorSize;
+  if (storedBytes > kLargestSize) return KQ_FAIL(kNotEnoughMemory);
+  const bool isCiphered = storedSectors != 1 && file.EncryptionType != 0;
+  StoredChunk stored;
+  KQ_RETURN_IF_FAILED(ReadStored(place, storedBytes, isCiphered || !isRaw, &stored));
+  if (isCiphered) KQ_RETURN_IF_FAILED(Decipher(place, &stored));
+
+  const std::uint64_t size = std::uint64_t{place.ExpandedSectors} * file.WorkSectorSize;
+  if (size > kLargestSize) return KQ_FAIL(kNotEnoughMemory);
+  chunk->Size = static_cast<std::uint32_t>(size);
+  if (!isRaw && storedSectors != 1) return Expand(place, stored, size, chunk, outcome);
+
+  // Raw, or the ChunkHead alone, behind which everything is zero.
+  chunk->PresentBytes = static_cast<std::uint32_t>(stored.heldBytes);
+  chunk->Data = std::move(stored.bytes);
+  return Success();
+}
+
+}  // namespace kq
