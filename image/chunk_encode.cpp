@@ -4,7 +4,7 @@
 
 #include "codec/huffman_stage.h"
 #include "codec/lzo_block.h"
-#include "codec/zero_test.h"
+#include "codec/all_zero.h"
 #include "foundation/little_endian.h"
 
 namespace kq {

@@ -151,9 +151,9 @@ INSTANTIATE_TEST_SUITE_P(EachKind, ChainModel,
                          testing::Combine(testing::Values(KQ_COMPRESSION_NONE, KQ_COMPRESSION_LZO,
                                                           KQ_COMPRESSION_LZO_HUFFMAN),
                                           testing::Values(512u, 1024u, 4096u)),
-                         [](const auto& info) {
-                           return "Type" + std::to_string(std::get<0>(info.param)) + "Sector" +
-                                  std::to_string(std::get<1>(info.param));
+                         [](const auto& instance) {
+                           return "Type" + std::to_string(std::get<0>(instance.param)) + "Sector" +
+                                  std::to_string(std::get<1>(instance.param));
                          });
 
 }  // namespace

@@ -65,7 +65,7 @@ std::string RenderDump(const std::vector<std::uint8_t>& file) {
     if (line != zeros && repeat && !starred) dump += "*\n";
     starred = line != zeros && repeat;
     if (line != zeros && !repeat) {
-      char text[16];
+      char text[32];
       std::snprintf(text, sizeof text, "%04zx ", at);
       dump += text;
       for (std::uint8_t byte : line) {

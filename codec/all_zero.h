@@ -1,6 +1,6 @@
 // The test for all-zero data that decides whether a chunk needs a body.
-#ifndef KQ_CODEC_ZERO_TEST_H
-#define KQ_CODEC_ZERO_TEST_H
+#ifndef KQ_CODEC_ALL_ZERO_H
+#define KQ_CODEC_ALL_ZERO_H
 
 #include <cstdint>
 
