@@ -14,7 +14,9 @@ target_link_libraries(kqimageapi PRIVATE
 # The rooms link each other as well, and each must come in whole only once.
 set_property(TARGET kqimageapi PROPERTY LINK_LIBRARY_OVERRIDE
   WHOLE_ARCHIVE,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation)
-target_link_options(kqimageapi PRIVATE
+# The library's calls to its own exported functions stay inside it, also in a process that has a second
+# copy of it loaded.
+target_link_options(kqimageapi PRIVATE LINKER:-Bsymbolic
   LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/kqimageapi.map LINKER:--as-needed)
 if(NOT KQ_SANITIZE)
   target_link_options(kqimageapi PRIVATE LINKER:-z,defs)
