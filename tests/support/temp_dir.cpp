@@ -1,7 +1,9 @@
 #include "tests/support/temp_dir.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -26,12 +28,20 @@ std::vector<std::uint8_t> ReadFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+// Without O_TRUNC: a file that is cut to nothing and written anew is flushed to the disk by some
+// file systems when it is closed, which would make the tests wait.
 void WriteFile(const std::string& path, std::span<const std::uint8_t> bytes) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (!file) ADD_FAILURE() << "cannot write " << path;
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  std::size_t done = 0;
+  while (fd >= 0 && done < bytes.size()) {
+    const ssize_t count = write(fd, bytes.data() + done, bytes.size() - done);
+    if (count <= 0) break;
+    done += static_cast<std::size_t>(count);
+  }
+  const bool complete =
+      fd >= 0 && done == bytes.size() && ftruncate(fd, static_cast<off_t>(bytes.size())) == 0;
+  if (fd >= 0) close(fd);
+  if (!complete) ADD_FAILURE() << "cannot write " << path;
 }
 
 }  // namespace kqtest
