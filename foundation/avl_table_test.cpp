@@ -18,6 +18,8 @@ using kq::AvlItem;
 using kq::AvlSide;
 using kq::AvlTable;
 
+using Keys = std::vector<std::uint64_t>;
+
 struct Payload {
   std::uint64_t key;
   std::uint64_t mark;
@@ -30,7 +32,7 @@ struct Calls {
   int frees = 0;
   int copies = 0;
   int destroyedTables = 0;
-  std::vector<std::uint64_t> destroyedKeys;
+  Keys destroyedKeys;
   std::vector<const AvlItem*> found;
   bool allocationFails = false;
 };
@@ -106,7 +108,7 @@ class AvlTableTest : public testing::Test {
   }
 
   // Checks links and balances below item and gives the subtree's height; keys come in order.
-  int Check(AvlItem* item, std::vector<std::uint64_t>* keys) {
+  int Check(AvlItem* item, Keys* keys) {
     if (item == nullptr) return 0;
     if (item->left != nullptr) {
       EXPECT_EQ(item->left->parent, item);
@@ -122,13 +124,13 @@ class AvlTableTest : public testing::Test {
     return 1 + std::max(left, right);
   }
   // The tree is sound and holds exactly these keys, which are given in order.
-  int ExpectTree(const std::vector<std::uint64_t>& keys) {
+  int ExpectTree(const Keys& keys) {
     EXPECT_EQ(table_.count, keys.size());
     EXPECT_EQ(table_.root == nullptr, keys.empty());
     if (table_.root != nullptr) {
       EXPECT_EQ(table_.root->parent, table_.root);
     }
-    std::vector<std::uint64_t> held;
+    Keys held;
     const int height = Check(table_.root, &held);
     EXPECT_EQ(held, keys);
     return height;
@@ -137,8 +139,8 @@ class AvlTableTest : public testing::Test {
   AvlTable table_{};
 };
 
-std::vector<std::uint64_t> OneTo(std::uint64_t n) {
-  std::vector<std::uint64_t> keys(n);
+Keys OneTo(std::uint64_t n) {
+  Keys keys(n);
   std::iota(keys.begin(), keys.end(), 1);
   return keys;
 }
@@ -171,8 +173,8 @@ TEST_F(AvlTableTest, RemovingTheRootOfAOneItemTreeLeavesNothing) {
 }
 
 TEST_F(AvlTableTest, DuplicateKeyIsRefusedAndChangesNothing) {
-  for (const std::uint64_t key : {5, 3, 9}) Insert(key);
-  for (const std::uint64_t key : {5, 3, 9}) {
+  for (const std::uint64_t key : Keys{5, 3, 9}) Insert(key);
+  for (const std::uint64_t key : Keys{5, 3, 9}) {
     const Payload payload{key, 0};
     auto* item = reinterpret_cast<AvlItem*>(&calls);
     EXPECT_EQ(kq::AvlInsert(&table_, &payload, &item), AvlInsertResult::kDuplicateKey);
@@ -184,7 +186,7 @@ TEST_F(AvlTableTest, DuplicateKeyIsRefusedAndChangesNothing) {
 }
 
 TEST_F(AvlTableTest, FailedAllocationLeavesTheTreeAsItWas) {
-  for (const std::uint64_t key : {5, 3}) Insert(key);
+  for (const std::uint64_t key : Keys{5, 3}) Insert(key);
   calls.allocationFails = true;
   const Payload payload{2, 0};
   auto* item = reinterpret_cast<AvlItem*>(&calls);
@@ -195,7 +197,7 @@ TEST_F(AvlTableTest, FailedAllocationLeavesTheTreeAsItWas) {
 
 TEST_F(AvlTableTest, AscendingKeysKeepTheTreeBalancedAndLogNothing) {
   testing::internal::CaptureStderr();
-  std::vector<std::uint64_t> keys;
+  Keys keys;
   for (std::uint64_t key = 1; key <= 600; ++key) {
     Insert(key);
     keys.push_back(key);
@@ -217,13 +219,13 @@ TEST_F(AvlTableTest, DescendingKeysKeepTheTreeBalanced) {
 // All orders of insertion of seven keys, and from each tree the removal of each key.
 TEST_F(AvlTableTest, EverySmallTreeStaysBalancedAfterEveryRemoval) {
   testing::internal::CaptureStderr();
-  std::vector<std::uint64_t> order = OneTo(7);
+  Keys order = OneTo(7);
   do {
     for (std::uint64_t removed = 1; removed <= 7; ++removed) {
       for (const std::uint64_t key : order) Insert(key);
       ExpectTree(OneTo(7));
       Remove(removed);
-      std::vector<std::uint64_t> rest = OneTo(7);
+      Keys rest = OneTo(7);
       rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(removed - 1));
       ExpectTree(rest);
       kq::AvlTearDown(&table_);
@@ -254,7 +256,7 @@ TEST_F(AvlTableTest, RandomInsertionsAndRemovalsMatchAPlainMap) {
       EXPECT_EQ(Find(key), known == model.end() ? nullptr : known->second);
       continue;
     }
-    std::vector<std::uint64_t> keys;
+    Keys keys;
     for (const auto& [modelKey, item] : model) {
       keys.push_back(modelKey);
       // Items never move, and payloads stay with their items.
@@ -270,13 +272,14 @@ TEST_F(AvlTableTest, RandomInsertionsAndRemovalsMatchAPlainMap) {
 TEST_F(AvlTableTest, RemovingAnItemWithTwoChildrenMovesNoItem) {
   // 8 is the root; its successor 9 is a leaf deep in the right subtree, that of 12 is its child.
   std::map<std::uint64_t, AvlItem*> items;
-  for (const std::uint64_t key : {8, 4, 12, 2, 6, 10, 13, 1, 9, 11, 14}) items[key] = Insert(key);
-  for (const std::uint64_t removed : {8, 12, 4}) {
+  for (const std::uint64_t key : Keys{8, 4, 12, 2, 6, 10, 13, 1, 9, 11, 14})
+    items[key] = Insert(key);
+  for (const std::uint64_t removed : Keys{8, 12, 4}) {
     ASSERT_NE(items[removed]->left, nullptr);
     ASSERT_NE(items[removed]->right, nullptr);
     kq::AvlRemove(&table_, items[removed], true);
     items.erase(removed);
-    std::vector<std::uint64_t> keys;
+    Keys keys;
     for (const auto& [key, item] : items) {
       EXPECT_EQ(Find(key), item);
       EXPECT_EQ(static_cast<Payload*>(kq::AvlPayload(item))->mark, key * 3);
@@ -288,7 +291,7 @@ TEST_F(AvlTableTest, RemovingAnItemWithTwoChildrenMovesNoItem) {
 
 TEST_F(AvlTableTest, RemovalWithoutDestroyLeavesTheItemToTheCaller) {
   table_.destroyPayload = DestroyPayload;
-  for (const std::uint64_t key : {2, 1, 3}) Insert(key);
+  for (const std::uint64_t key : Keys{2, 1, 3}) Insert(key);
   AvlItem* item = Find(2);
   kq::AvlRemove(&table_, item, false);
   ExpectTree({1, 3});
@@ -302,14 +305,14 @@ TEST_F(AvlTableTest, OptionalCallbacksAreUsedWhereTheyAreSet) {
   table_.copyPayload = CopyPayload;
   table_.destroyPayload = DestroyPayload;
   table_.onFind = OnFind;
-  for (const std::uint64_t key : {2, 1, 3}) Insert(key);
+  for (const std::uint64_t key : Keys{2, 1, 3}) Insert(key);
   EXPECT_EQ(calls.copies, 3);
   EXPECT_EQ(static_cast<Payload*>(kq::AvlPayload(table_.root))->mark, 1006U);
   AvlItem* three = Find(3);
   Find(4);
   EXPECT_EQ(calls.found, (std::vector<const AvlItem*>{three, nullptr}));
   kq::AvlRemove(&table_, three, true);
-  EXPECT_EQ(calls.destroyedKeys, (std::vector<std::uint64_t>{3}));
+  EXPECT_EQ(calls.destroyedKeys, (Keys{3}));
   // Rebalancing and exchanging places copies no payload.
   kq::AvlRemove(&table_, table_.root, true);
   EXPECT_EQ(calls.copies, 3);
@@ -341,18 +344,18 @@ void CheckAfterRemove(AvlItem* parent, AvlItem* item, AvlItem* child, AvlSide si
 }
 
 TEST_F(AvlTableTest, AfterRemoveIsToldParentChildAndSide) {
-  for (const std::uint64_t key : {2, 1, 3, 4}) Insert(key);
+  for (const std::uint64_t key : Keys{2, 1, 3, 4}) Insert(key);
   table_.afterRemove = CheckAfterRemove;
-  for (const std::uint64_t key : {4, 1, 2}) Remove(key);
+  for (const std::uint64_t key : Keys{4, 1, 2}) Remove(key);
   ExpectTree({3});
 }
 
 TEST_F(AvlTableTest, TearDownDestroysEachItemOnceChildrenFirst) {
   table_.destroyPayload = DestroyPayload;
   table_.destroyTable = DestroyTable;
-  for (const std::uint64_t key : {4, 2, 6, 1, 3, 5, 7}) Insert(key);
+  for (const std::uint64_t key : Keys{4, 2, 6, 1, 3, 5, 7}) Insert(key);
   kq::AvlTearDown(&table_);
-  EXPECT_EQ(calls.destroyedKeys, (std::vector<std::uint64_t>{1, 3, 2, 5, 7, 6, 4}));
+  EXPECT_EQ(calls.destroyedKeys, (Keys{1, 3, 2, 5, 7, 6, 4}));
   EXPECT_EQ(calls.frees, 7);
   EXPECT_EQ(calls.destroyedTables, 1);
   ExpectTree({});

@@ -94,9 +94,12 @@ TEST(ConfigurationValue, OverflowIsTheLargestNumber) {
 
 class ConfigurationFileTest : public testing::Test {
  protected:
-  Configuration Read(const std::string& text) {
+  void Write(const std::string& text) {
     kqtest::WriteFile(dir_.Path("kqimageapi.conf"),
                       {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  }
+  Configuration Read(const std::string& text) {
+    Write(text);
     return Read();
   }
   Configuration Read() { return kq::ReadConfigurationFile(dir_.Path("kqimageapi.conf").c_str()); }
@@ -143,7 +146,7 @@ TEST_F(ConfigurationFileTest, UnreadableFileGivesTheDefaults) {
 }
 
 TEST_F(ConfigurationFileTest, FailedAllocationClosesTheFileAndGivesTheDefaults) {
-  Read(std::string(kChunkKey) + "=5");
+  Write(std::string(kChunkKey) + "=5");
   const FailingCall failing(Call::kAlignedMalloc, ENOMEM);
   const CallCounter closes(Call::kClose);
   ExpectLimits(Read(), kChunkDefault, kHeaderDefault);
@@ -151,11 +154,11 @@ TEST_F(ConfigurationFileTest, FailedAllocationClosesTheFileAndGivesTheDefaults) 
   EXPECT_EQ(closes.count(), 1U);
 }
 
-TEST_F(ConfigurationFileTest, FileIsReadInOnePieceAndClosed) {
+TEST_F(ConfigurationFileTest, ReadThatComesInPiecesIsJoinedAndTheFileClosed) {
+  Write("ChunkCache_MaxCachedBytes=1000\nChunkHeaderCache_MaxCachedBytes=2000\n");
   const CallCounter closes(Call::kClose);
   const ShortTransfers limit(7);
-  ExpectLimits(Read("ChunkCache_MaxCachedBytes=1000\nChunkHeaderCache_MaxCachedBytes=2000\n"), 1000,
-               2000);
+  ExpectLimits(Read(), 1000, 2000);
   EXPECT_EQ(closes.count(), 1U);
 }
 
@@ -213,12 +216,12 @@ TEST_F(ConfigurationBesideTest, FileIsTheOneInTheLibrarysFolder) {
   const void* address = AddressIn(dir_.Path("copied.so"));
   ASSERT_NE(address, nullptr);
   ExpectLimits(kq::ReadConfigurationBeside(address), kChunkDefault, kHeaderDefault);
-  Read("ChunkCache_MaxCachedBytes=1000\nChunkHeaderCache_MaxCachedBytes=2000\n");
+  Write("ChunkCache_MaxCachedBytes=1000\nChunkHeaderCache_MaxCachedBytes=2000\n");
   ExpectLimits(kq::ReadConfigurationBeside(address), 1000, 2000);
 }
 
 TEST_F(ConfigurationBesideTest, RelativePathOfTheLibraryIsFollowed) {
-  Read("ChunkCache_MaxCachedBytes=1000\n");
+  Write("ChunkCache_MaxCachedBytes=1000\n");
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(dir_.Path());
   const void* address = AddressIn("./copied.so");
@@ -236,7 +239,7 @@ TEST_F(ConfigurationBesideTest, AddressInNoFileGivesTheDefaults) {
 TEST_F(ConfigurationBesideTest, FailedAllocationOfThePathGivesTheDefaults) {
   const void* address = AddressIn(dir_.Path("copied.so"));
   ASSERT_NE(address, nullptr);
-  Read("ChunkCache_MaxCachedBytes=1000\n");
+  Write("ChunkCache_MaxCachedBytes=1000\n");
   const FailingCall failing(Call::kMalloc, ENOMEM);
   const CallCounter opens(Call::kOpen);
   ExpectLimits(kq::ReadConfigurationBeside(address), kChunkDefault, kHeaderDefault);

@@ -60,11 +60,11 @@ class OSFileReadAlignedTest : public testing::Test {
 
   // The buffer from at on holds the file's bytes from offset on, and nothing else was written.
   void ExpectBytes(std::size_t at, std::size_t offset, std::size_t length) {
-    for (std::size_t i = 0; i < kBufferBytes; ++i) {
-      const std::uint8_t expected =
-          i >= at && i - at < length ? content_[offset + (i - at)] : kFill;
-      ASSERT_EQ(buffer_.data()[i], expected) << "byte " << i;
-    }
+    Bytes expected(kBufferBytes, kFill);
+    std::copy_n(content_.begin() + static_cast<std::ptrdiff_t>(offset), length,
+                expected.begin() + static_cast<std::ptrdiff_t>(at));
+    const auto wrong = std::mismatch(expected.begin(), expected.end(), buffer_.data());
+    EXPECT_EQ(wrong.first, expected.end()) << "byte " << wrong.first - expected.begin();
   }
 
   kqtest::TempDir dir_;
@@ -199,12 +199,13 @@ TEST_F(OSFileReadAlignedTest, AnyRangeMatchesAPlainModel) {
       if (direct || held == length) {
         ASSERT_EQ(status.status, 0) << offset << " " << length << " " << at;
         ASSERT_EQ(count, held);
-        ExpectBytes(at, offset, held);
+        ExpectBytes(at, held == 0 ? 0 : offset, held);
       } else {
         ASSERT_EQ(status.status, -31) << offset << " " << length << " " << at;
         ASSERT_EQ(count, 0U);
         ExpectBytes(0, 0, 0);
       }
+      ASSERT_FALSE(HasFailure()) << offset << " " << length << " " << at;
     }
   }
 }
