@@ -1,6 +1,18 @@
 // The run-list encoding: delta-coded pairs of a 64-bit offset and a 32-bit length. Used inside each
 // chunk's first sector (volume byte offset, sectors) and in the chunk index (volume byte offset,
-// bytes from the previous chunk's start in the file). Neither side allocates.
+// bytes from the previous chunk's start in the file). Neither side allocates or locks, and the
+// space is the caller's.
+//
+// The list is a string of entries, each the difference of its run from the one before; the first is
+// taken against (0, 0). Behind a run of length 0, and so at the start, an entry has the full form:
+//   8 bytes  difference of the offsets
+//   4 bytes  difference of the lengths, modulo 2^32
+// Otherwise the short form:
+//   1 byte   header: bit 7 the sign of the offset difference, bits 6 to 3 the count P of its bytes,
+//            bits 2 to 0 the count Q of the length difference's bytes
+//   P bytes  the lowest of the offset difference; those above are all 0xFF or all 0, by the sign
+//   Q bytes  the lowest of the length difference; those above are 0
+// The list ends before a byte 0xFF where an entry would begin, or with its space.
 #ifndef KQ_CODEC_RUN_LIST_H
 #define KQ_CODEC_RUN_LIST_H
 
@@ -11,6 +23,8 @@ namespace kq {
 struct Run {
   std::uint64_t offset = 0;
   std::uint32_t length = 0;
+
+  friend bool operator==(const Run&, const Run&) = default;
 };
 
 // Byte that ends a list that does not fill its space.
@@ -40,12 +54,15 @@ struct RunReader {
 // entry can be replaced later.
 bool PutRun(RunWriter* writer, std::uint8_t* position, const Run& previousRun, const Run& newRun);
 
-// Enters a run: lengthens the last run if this one continues it exactly and MergeUnit allows,
-// otherwise appends an entry. Returns false if there is no room.
+// Enters a run: lengthens the last run if this one continues it exactly, MergeUnit allows and the
+// length doesn't overflow, otherwise appends an entry. Returns false if there is no room. A run of
+// length 0 is entered like any other; whether to warn of one is the caller's business.
 bool EnterRun(RunWriter* writer, const Run& run);
 
-// Reads one entry and adds it to the running pair, which is the result. Returns false at the end of
-// the list or on a bad entry, which is told in the log only.
+// Reads one entry and adds it to the running pair, which is the result. Returns false, leaving the
+// results and the running pair alone, at the end of the list or on a bad entry, which is told in
+// the log only. Cursor then stands before the end mark or the bad entry, or at End if the entry is
+// cut.
 bool NextRun(RunReader* reader, std::uint64_t* offset, std::uint32_t* length);
 
 }  // namespace kq
