@@ -17,8 +17,8 @@ bool HasRoomForRun(const RunWriter& runs) { return runs.End - runs.Cursor > kRun
 KQStatus AppendSectors(NewImageFile* image, const std::uint8_t* data, std::uint32_t size,
                        std::uint64_t offset) {
   if (size == 0) return Success();
-  // The header left no room behind a ChunkHead.
-  if (image->ChunkBufferSize <= image->SectorSize) return KQ_FAIL(kInvalidData);
+  // The header left no room for a ChunkHead and one sector of data.
+  if (image->ChunkBufferSize / 2 < image->SectorSize) return KQ_FAIL(kInvalidData);
 
   std::uint32_t done = 0;
   while (done < size) {
