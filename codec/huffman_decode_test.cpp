@@ -7,6 +7,7 @@
 
 #include "codec/huffman_model.h"
 #include "codec/huffman_stage.h"
+#include "codec/random_numbers.h"
 #include "foundation/memory.h"
 
 namespace kq {

@@ -7,24 +7,10 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <random>
 #include <utility>
 #include <vector>
 
 namespace kqtest {
-
-// A generator of 32-bit numbers whose type is 32 bits wide.
-class RandomNumbers {
- public:
-  using result_type = std::uint32_t;
-  explicit RandomNumbers(std::uint32_t seed) : engine_(seed) {}
-  static constexpr result_type min() { return 0; }
-  static constexpr result_type max() { return 0xFFFFFFFF; }
-  result_type operator()() { return static_cast<result_type>(engine_()); }
-
- private:
-  std::mt19937 engine_;
-};
 
 struct HuffmanModelResult {
   int status = 0;
