@@ -81,10 +81,10 @@ KQ_TARGET_AES void Expand256(const std::uint8_t* keyBytes, std::uint32_t* words)
   Store(words + 56, NextFromRotated<0x40>(low, high));
 }
 
-// With the rounds known, the loops over them unroll and the round keys stay in registers.
 template <int kRounds>
 KQ_TARGET_AES inline __m128i DecipherBlock(__m128i block, const AES_KEY& key) {
   block = _mm_xor_si128(block, RoundKey(key, 0));
+  KQ_UNROLL
   for (int round = 1; round < kRounds; ++round) {
     block = _mm_aesdec_si128(block, RoundKey(key, round));
   }
@@ -101,20 +101,21 @@ KQ_TARGET_AES void CbcDecrypt(const std::uint8_t* in, std::uint8_t* out, const s
   for (; length >= kDepth * kAesBlockBytes; length -= kDepth * kAesBlockBytes) {
     __m128i state[kDepth];
     __m128i chained[kDepth];
-    KQ_UNROLL_DEPTH
+    KQ_UNROLL
     for (std::size_t i = 0; i < kDepth; ++i) {
       const __m128i ciphertext = Load(in + i * kAesBlockBytes);
       state[i] = _mm_xor_si128(ciphertext, RoundKey(key, 0));
       chained[i] = previous;
       previous = ciphertext;
     }
+    KQ_UNROLL
     for (int round = 1; round < kRounds; ++round) {
       const __m128i roundKey = RoundKey(key, round);
-      KQ_UNROLL_DEPTH
+      KQ_UNROLL
       for (std::size_t i = 0; i < kDepth; ++i) state[i] = _mm_aesdec_si128(state[i], roundKey);
     }
     const __m128i last = RoundKey(key, kRounds);
-    KQ_UNROLL_DEPTH
+    KQ_UNROLL
     for (std::size_t i = 0; i < kDepth; ++i) {
       // The last round XORs its key in, so the chained ciphertext can ride on it.
       Store(out + i * kAesBlockBytes,
@@ -144,6 +145,7 @@ KQ_TARGET_AES void CbcEncrypt(const std::uint8_t* in, std::uint8_t* out, const s
   __m128i state = _mm_xor_si128(Load(vector), _mm_xor_si128(Load(in), first));
   for (; blocks > 1; --blocks) {
     const __m128i nextWhitened = _mm_xor_si128(Load(in + kAesBlockBytes), first);
+    KQ_UNROLL
     for (int round = 1; round < kRounds; ++round) {
       state = _mm_aesenc_si128(state, RoundKey(key, round));
     }
@@ -152,6 +154,7 @@ KQ_TARGET_AES void CbcEncrypt(const std::uint8_t* in, std::uint8_t* out, const s
     in += kAesBlockBytes;
     out += kAesBlockBytes;
   }
+  KQ_UNROLL
   for (int round = 1; round < kRounds; ++round) {
     state = _mm_aesenc_si128(state, RoundKey(key, round));
   }

@@ -32,11 +32,10 @@ KQ_TARGET_AVX512 inline __m512i RoundKey512(const AES_KEY& key, int round) {
   return _mm512_broadcast_i32x4(Load128(key.roundKeys + 4 * round));
 }
 
-}  // namespace
-
-KQ_TARGET_AVX2 std::size_t AesCbcDecryptGroupsAvx2(const std::uint8_t* in, std::uint8_t* out,
-                                                   std::uint8_t* vector, std::size_t length,
-                                                   const AES_KEY& key) {
+template <int kRounds>
+KQ_TARGET_AVX2 std::size_t DecryptGroupsAvx2(const std::uint8_t* in, std::uint8_t* out,
+                                             std::uint8_t* vector, std::size_t length,
+                                             const AES_KEY& key) {
   constexpr std::size_t kVectorBytes = 2 * kAesBlockBytes;
   constexpr std::size_t kGroupBytes = kDepth * kVectorBytes;
   if (length < kGroupBytes) return 0;
@@ -48,7 +47,7 @@ KQ_TARGET_AVX2 std::size_t AesCbcDecryptGroupsAvx2(const std::uint8_t* in, std::
     __m256i chained[kDepth];
     __m256i state[kDepth];
     const __m256i first = RoundKey256(key, 0);
-    KQ_UNROLL_DEPTH
+    KQ_UNROLL
     for (std::size_t i = 0; i < kDepth; ++i) {
       const __m256i ciphertext =
           _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + done + i * kVectorBytes));
@@ -56,13 +55,14 @@ KQ_TARGET_AVX2 std::size_t AesCbcDecryptGroupsAvx2(const std::uint8_t* in, std::
       state[i] = _mm256_xor_si256(ciphertext, first);
       previous = ciphertext;
     }
-    for (int round = 1; round < key.rounds; ++round) {
+    KQ_UNROLL
+    for (int round = 1; round < kRounds; ++round) {
       const __m256i roundKey = RoundKey256(key, round);
-      KQ_UNROLL_DEPTH
+      KQ_UNROLL
       for (std::size_t i = 0; i < kDepth; ++i) state[i] = _mm256_aesdec_epi128(state[i], roundKey);
     }
-    const __m256i last = RoundKey256(key, key.rounds);
-    KQ_UNROLL_DEPTH
+    const __m256i last = RoundKey256(key, kRounds);
+    KQ_UNROLL
     for (std::size_t i = 0; i < kDepth; ++i) {
       // The last round XORs its key in, so the chained ciphertext can ride on it.
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + done + i * kVectorBytes),
@@ -73,9 +73,10 @@ KQ_TARGET_AVX2 std::size_t AesCbcDecryptGroupsAvx2(const std::uint8_t* in, std::
   return done;
 }
 
-KQ_TARGET_AVX512 std::size_t AesCbcDecryptGroupsAvx512(const std::uint8_t* in, std::uint8_t* out,
-                                                       std::uint8_t* vector, std::size_t length,
-                                                       const AES_KEY& key) {
+template <int kRounds>
+KQ_TARGET_AVX512 std::size_t DecryptGroupsAvx512(const std::uint8_t* in, std::uint8_t* out,
+                                                 std::uint8_t* vector, std::size_t length,
+                                                 const AES_KEY& key) {
   constexpr std::size_t kVectorBytes = 4 * kAesBlockBytes;
   constexpr std::size_t kGroupBytes = kDepth * kVectorBytes;
   if (length < kGroupBytes) return 0;
@@ -87,20 +88,21 @@ KQ_TARGET_AVX512 std::size_t AesCbcDecryptGroupsAvx512(const std::uint8_t* in, s
     __m512i chained[kDepth];
     __m512i state[kDepth];
     const __m512i first = RoundKey512(key, 0);
-    KQ_UNROLL_DEPTH
+    KQ_UNROLL
     for (std::size_t i = 0; i < kDepth; ++i) {
       const __m512i ciphertext = _mm512_loadu_si512(in + done + i * kVectorBytes);
       chained[i] = _mm512_alignr_epi64(ciphertext, previous, 6);
       state[i] = _mm512_xor_si512(ciphertext, first);
       previous = ciphertext;
     }
-    for (int round = 1; round < key.rounds; ++round) {
+    KQ_UNROLL
+    for (int round = 1; round < kRounds; ++round) {
       const __m512i roundKey = RoundKey512(key, round);
-      KQ_UNROLL_DEPTH
+      KQ_UNROLL
       for (std::size_t i = 0; i < kDepth; ++i) state[i] = _mm512_aesdec_epi128(state[i], roundKey);
     }
-    const __m512i last = RoundKey512(key, key.rounds);
-    KQ_UNROLL_DEPTH
+    const __m512i last = RoundKey512(key, kRounds);
+    KQ_UNROLL
     for (std::size_t i = 0; i < kDepth; ++i) {
       // The last round XORs its key in, so the chained ciphertext can ride on it.
       _mm512_storeu_si512(out + done + i * kVectorBytes,
@@ -109,6 +111,21 @@ KQ_TARGET_AVX512 std::size_t AesCbcDecryptGroupsAvx512(const std::uint8_t* in, s
   }
   _mm_storeu_si128(reinterpret_cast<__m128i*>(vector), _mm512_extracti32x4_epi32(previous, 3));
   return done;
+}
+
+}  // namespace
+
+std::size_t AesCbcDecryptGroupsAvx2(const std::uint8_t* in, std::uint8_t* out, std::uint8_t* vector,
+                                    std::size_t length, const AES_KEY& key) {
+  return key.rounds == 10 ? DecryptGroupsAvx2<10>(in, out, vector, length, key)
+                          : DecryptGroupsAvx2<14>(in, out, vector, length, key);
+}
+
+std::size_t AesCbcDecryptGroupsAvx512(const std::uint8_t* in, std::uint8_t* out,
+                                      std::uint8_t* vector, std::size_t length,
+                                      const AES_KEY& key) {
+  return key.rounds == 10 ? DecryptGroupsAvx512<10>(in, out, vector, length, key)
+                          : DecryptGroupsAvx512<14>(in, out, vector, length, key);
 }
 
 }  // namespace kq
