@@ -101,8 +101,9 @@ void AvlRemove(AvlTable* table, AvlItem* item, bool destroy) {
   if (item->left != nullptr && item->right != nullptr) ExchangeWithSuccessor(item, &table->root);
 
   AvlItem* child = item->left != nullptr ? item->left : item->right;
-  AvlItem* parent = IsRoot(item) ? nullptr : item->parent;
-  const bool wasLeft = parent != nullptr && parent->left == item;
+  const bool isRoot = IsRoot(item);
+  const bool wasLeft = !isRoot && item->parent->left == item;
+  AvlItem* parent = isRoot ? nullptr : item->parent;
   ReplaceInParent(item, child, &table->root);
   table->afterRemove(parent, item, child, wasLeft ? AvlSide::kLeft : AvlSide::kRight,
                      wasLeft ? AvlSide::kRight : AvlSide::kLeft, &table->root);

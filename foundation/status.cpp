@@ -87,10 +87,8 @@ KQStatus Success(int line) {
   return record;
 }
 
-KQStatus MakeStatus(StatusCode code, int line, const char* module) {
-  KQStatus record{};
-  record.status = static_cast<std::int32_t>(code);
-  record.line = static_cast<std::uint16_t>(line);
+KQStatus MakePlace(int line, const char* module) {
+  KQStatus record = Success(line);
   // The record is zero to its end, so a name that is cut still has its NUL.
   std::memcpy(record.file, module, strnlen(module, sizeof record.file - 1));
   return record;

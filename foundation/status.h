@@ -53,8 +53,16 @@ inline bool Failed(const KQStatus& status) { return status.status != 0; }
 // A success record: all zero but for the line, which carries no meaning.
 KQStatus Success(int line = __builtin_LINE());
 
-// Behind KQ_FAIL and KQ_FAIL_ERRNO. A module name longer than 17 characters is cut.
-KQStatus MakeStatus(StatusCode code, int line, const char* module);
+// The record of a place: status 0, line and module. A module name longer than 17 characters is cut.
+KQStatus MakePlace(int line, const char* module);
+
+// Behind KQ_FAIL and KQ_FAIL_ERRNO. MakeStatus is inline so that compilers and analysers see that
+// what KQ_FAIL makes is a failure.
+inline KQStatus MakeStatus(StatusCode code, int line, const char* module) {
+  KQStatus record = MakePlace(line, module);
+  record.status = static_cast<std::int32_t>(code);
+  return record;
+}
 KQStatus MakeStatusFromErrno(int errnoValue, int line);
 
 // The status number for an errno value; -31 for a value outside the table. 0 maps to 0.
