@@ -123,10 +123,14 @@ Chain AssembleChain(const ImageFile& newest, std::span<const ImageFile> candidat
     chain.insert(chain.begin(), parts.begin(), parts.end());
     if (IsBase(image->info)) return chain;
 
-    const auto parent =
-        std::find_if(candidates.begin(), candidates.end(), [&](const ImageFile& file) {
-          return SameId(file.info.imageId, image->info.parentImageId);
-        });
+    const auto isParent = [&](const ImageFile& file) {
+      return SameId(file.info.imageId, image->info.parentImageId);
+    };
+    if (isParent(newest)) {
+      image = &newest;
+      continue;
+    }
+    const auto parent = std::find_if(candidates.begin(), candidates.end(), isParent);
     if (parent == candidates.end()) {
       throw Failure(fmt::format("the parent of {} is missing: no file {} is the image {}",
                                 Printable(image->path), where,
