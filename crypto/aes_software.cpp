@@ -64,13 +64,6 @@ State LoadState(const std::uint8_t* in, const std::uint32_t* roundKey) {
           LoadBigEndian(in + 8) ^ roundKey[2], LoadBigEndian(in + 12) ^ roundKey[3]};
 }
 
-void StoreState(std::uint8_t* out, const State& s) {
-  StoreBigEndian(out, s.a);
-  StoreBigEndian(out + 4, s.b);
-  StoreBigEndian(out + 8, s.c);
-  StoreBigEndian(out + 12, s.d);
-}
-
 // One output word of a round: each byte comes from another column, as ShiftRows has it.
 std::uint32_t MixedWord(const std::array<aes::WordTable, 4>& tables, std::uint32_t w0,
                         std::uint32_t w1, std::uint32_t w2, std::uint32_t w3,
@@ -79,6 +72,8 @@ std::uint32_t MixedWord(const std::array<aes::WordTable, 4>& tables, std::uint32
          tables[3][ByteOf(w3, 0)] ^ roundKey;
 }
 
+// The last round's. Its results are stored one by one: four gathered in a record can be left behind
+// on the stack, and a deciphered block may be a key.
 std::uint32_t LastWord(const aes::WordTable& table, std::uint32_t w0, std::uint32_t w1,
                        std::uint32_t w2, std::uint32_t w3, std::uint32_t roundKey) {
   return (table[ByteOf(w0, 24)] & 0xFF000000) ^ (table[ByteOf(w1, 16)] & 0xFF0000) ^
@@ -125,9 +120,10 @@ void AesEncryptBlock(const std::uint8_t* in, std::uint8_t* out, const AES_KEY& k
   }
   k += 4;
   const aes::WordTable& table = aes::kEncryptLast;
-  StoreState(
-      out, {LastWord(table, s.a, s.b, s.c, s.d, k[0]), LastWord(table, s.b, s.c, s.d, s.a, k[1]),
-            LastWord(table, s.c, s.d, s.a, s.b, k[2]), LastWord(table, s.d, s.a, s.b, s.c, k[3])});
+  StoreBigEndian(out, LastWord(table, s.a, s.b, s.c, s.d, k[0]));
+  StoreBigEndian(out + 4, LastWord(table, s.b, s.c, s.d, s.a, k[1]));
+  StoreBigEndian(out + 8, LastWord(table, s.c, s.d, s.a, s.b, k[2]));
+  StoreBigEndian(out + 12, LastWord(table, s.d, s.a, s.b, s.c, k[3]));
 }
 
 void AesDecryptBlock(const std::uint8_t* in, std::uint8_t* out, const AES_KEY& key) {
@@ -143,9 +139,10 @@ void AesDecryptBlock(const std::uint8_t* in, std::uint8_t* out, const AES_KEY& k
   }
   k += 4;
   const aes::WordTable& table = aes::kDecryptLast;
-  StoreState(
-      out, {LastWord(table, s.a, s.d, s.c, s.b, k[0]), LastWord(table, s.b, s.a, s.d, s.c, k[1]),
-            LastWord(table, s.c, s.b, s.a, s.d, k[2]), LastWord(table, s.d, s.c, s.b, s.a, k[3])});
+  StoreBigEndian(out, LastWord(table, s.a, s.d, s.c, s.b, k[0]));
+  StoreBigEndian(out + 4, LastWord(table, s.b, s.a, s.d, s.c, k[1]));
+  StoreBigEndian(out + 8, LastWord(table, s.c, s.b, s.a, s.d, k[2]));
+  StoreBigEndian(out + 12, LastWord(table, s.d, s.c, s.b, s.a, k[3]));
 }
 
 }  // namespace kq
