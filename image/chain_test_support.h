@@ -22,6 +22,7 @@ using kqtest::ImageLayout;
 using kqtest::ImageSpec;
 using kqtest::PatternBytes;
 using kqtest::RawChunk;
+using kqtest::StreamChunk;
 using kqtest::VolumeRun;
 
 class ImageFolder {

@@ -69,12 +69,13 @@ KQStatus Decipher(const ChunkPlace& place, StoredChunk* stored) {
   return Success();
 }
 
-// No stream of that length expands to more: every byte of an LZO stream adds 255 bytes at most, and
-// type 6 keeps the LZO stream in its work area.
-std::uint64_t LargestExpansion(std::uint32_t compressionType, std::uint64_t streamLength) {
+// No stream of that length, of which so much came from the file, expands to more: every byte of an
+// LZO stream adds 255 bytes at most, and type 6 keeps the LZO stream in its work area.
+std::uint64_t LargestExpansion(std::uint32_t compressionType, std::uint64_t streamLength,
+                               std::uint64_t heldLength) {
   const std::uint64_t lzoLength = compressionType == kCompressionLzoHuffman
                                       ? std::min(streamLength * 8, kHuffmanWorkAreaBytes)
-                                      : streamLength;
+                                      : heldLength;
   return lzoLength * 256;
 }
 
@@ -89,8 +90,12 @@ KQStatus Expand(const ChunkPlace& place, const StoredChunk& stored, std::uint64_
   const std::uint8_t* stream = stored.bytes.data() + head + kLengthBytes;
   const std::uint64_t present =
       std::min<std::uint64_t>(streamLength, stored.bytes.size() - head - kLengthBytes);
+  // Zeros behind the file's end add nothing to a stream that decodes, but for what a last byte of
+  // the file begins.
+  const std::uint64_t held = stored.heldBytes > head ? stored.heldBytes - head + 1 : 1;
   const std::uint32_t type = place.File->CompressionType;
-  std::uint64_t outputLength = std::min(size - head, LargestExpansion(type, present));
+  std::uint64_t outputLength =
+      std::min(size - head, LargestExpansion(type, present, std::min(present, held)));
   HeapBuffer expanded = HeapBuffer::AllocateAligned(kSectorAlignment, head + outputLength);
   if (!expanded) return KQ_FAIL(kNotEnoughMemory);
   std::memcpy(expanded.data(), stored.bytes.data(), head);
