@@ -1,0 +1,77 @@
+#include "tests/client/client_fixture.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+
+namespace kqtest {
+
+Volume MakeNoise(std::size_t size, unsigned seed) {
+  std::mt19937_64 random(seed);
+  Volume volume(size);
+  for (std::uint8_t& byte : volume) byte = static_cast<std::uint8_t>(random() >> 32);
+  return volume;
+}
+
+Volume MakeVolume(std::size_t size, unsigned seed) {
+  std::mt19937_64 random(seed);
+  Volume volume(size);
+  std::size_t done = 0;
+  for (unsigned kind = seed; done < size; ++kind) {
+    const std::size_t length = std::min<std::size_t>(size - done, 1 + random() % (200 * 1024));
+    for (std::size_t i = 0; i < length; ++i) {
+      const auto noise = static_cast<std::uint8_t>(random() >> 32);
+      volume[done + i] = kind % 3 == 0   ? static_cast<std::uint8_t>('a' + noise % 4)
+                         : kind % 3 == 1 ? noise
+                                         : std::uint8_t{0};
+    }
+    done += length;
+  }
+  return volume;
+}
+
+std::string ClientTest::Put(const std::string& name, const Volume& volume) const {
+  WriteFile(Path(name), volume);
+  return Path(name);
+}
+
+std::set<std::string> ClientTest::Names() const {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.Path())) {
+    names.insert(entry.path().filename().string());
+  }
+  return names;
+}
+
+void ClientTest::Create(const std::string& source, const std::string& image,
+                        const std::vector<std::string>& options) const {
+  std::vector<std::string> arguments = {"create", source, image};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  const ClientResult result = RunClient(arguments);
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+}
+
+void ClientTest::Increment(const std::string& source, const std::string& image,
+                           const std::string& out, const std::vector<std::string>& options) const {
+  std::vector<std::string> arguments = {"increment", source, image, out};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  const ClientResult result = RunClient(arguments);
+  ASSERT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+}
+
+Volume ClientTest::Restore(const std::vector<std::string>& files) const {
+  std::vector<std::string> arguments = {"restore"};
+  arguments.insert(arguments.end(), files.begin(), files.end());
+  arguments.insert(arguments.end(), {"--to", Path("restored")});
+  const ClientResult result = RunClient(arguments);
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+  if (result.exitStatus != 0) return {};
+  Volume restored = ReadFile(Path("restored"));
+  std::filesystem::remove(Path("restored"));
+  return restored;
+}
+
+}  // namespace kqtest

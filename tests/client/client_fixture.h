@@ -1,0 +1,50 @@
+// A folder with volumes and images for tests of the client.
+#ifndef KQ_TESTS_CLIENT_CLIENT_FIXTURE_H
+#define KQ_TESTS_CLIENT_CLIENT_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/client/run_client.h"
+#include "tests/support/temp_dir.h"
+
+namespace kqtest {
+
+using Volume = std::vector<std::uint8_t>;
+
+// A volume like a used disk: stretches of text, of noise and of zeros, in turn, with odd borders.
+// The same seed gives the same volume.
+Volume MakeVolume(std::size_t size, unsigned seed);
+
+// Bytes that no codec makes smaller, and without a zero block.
+Volume MakeNoise(std::size_t size, unsigned seed);
+
+class ClientTest : public testing::Test {
+ protected:
+  std::string Path(const std::string& name) const { return folder_.Path(name); }
+
+  // Writes a volume that stands in the folder.
+  std::string Put(const std::string& name, const Volume& volume) const;
+
+  // The names in the folder.
+  std::set<std::string> Names() const;
+
+  // Run the command, expect success and silence on standard error.
+  void Create(const std::string& source, const std::string& image,
+              const std::vector<std::string>& options = {}) const;
+  void Increment(const std::string& source, const std::string& image, const std::string& out,
+                 const std::vector<std::string>& options = {}) const;
+
+  // Restores from the files to a new file, which is removed, and returns its bytes.
+  Volume Restore(const std::vector<std::string>& files) const;
+
+  TempDir folder_;
+};
+
+}  // namespace kqtest
+
+#endif
