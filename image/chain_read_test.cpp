@@ -385,7 +385,12 @@ TEST_F(KQImageFilesReadTest, HostileRunListsReadAsThePlainModelTells) {
         chunkSpec.expandedSectors = chunk.expanded;
         chunkSpec.indexVolumeOffset = chunk.volumeOffset;
         spec.chunks.push_back(chunkSpec);
-        chunk.content = Join({Bytes(512), body});
+        // A run's place in the chunk may wrap around to the ChunkHead, so that counts as content.
+        kqtest::Set32(&chunk.content, 0, chunk.expanded);
+        kqtest::Set32(&chunk.content, 4, chunk.expanded);
+        kqtest::Append(&chunk.content, *chunkSpec.runList);
+        chunk.content.resize(512);
+        kqtest::Append(&chunk.content, body);
         modelFile.push_back(chunk);
         at += 1 + random() % 6000;
         // An index entry follows one with a length, so only its first offset can end the list.
