@@ -86,7 +86,7 @@ TEST_F(FlushChunk, CompressibleDataIsStoredAsAStream) {
 
 TEST_F(FlushChunk, IncompressibleDataIsStoredRaw) {
   for (const std::uint32_t type : kCompressing) {
-    for (const std::size_t sectors : {1, 2, 100}) {
+    for (const std::size_t sectors : {1u, 2u, 100u}) {
       const Bytes data = Noise(type, sectors * kSector);
       const ParsedImage image = WriteOne(Fields(type), data);
       ASSERT_EQ(image.chunks.size(), 1u);
