@@ -266,5 +266,110 @@ TEST(HuffmanStageDecode, RandomBytesDecodeAsTheModelDoes) {
   }
 }
 
+// The streams below are long enough to be decoded at several places at once.
+
+TEST(HuffmanStageDecode, PlacesOfALongStreamThatNeverFallIntoStepDecode) {
+  // 255 values of 8 bits leave one value of 9 bits and the end. One of those first shifts all codes
+  // by a bit against the bytes, where a decoder that starts at a byte never finds them.
+  std::vector<unsigned> values(256);
+  for (unsigned value = 0; value < 256; ++value) values[value] = value;
+  std::vector<unsigned> lengths(257, 8);
+  lengths[255] = 9;
+  lengths[256] = 9;
+  std::vector<bool> bits(9, true);
+  bits[8] = false;  // 1 1111 1110: value 255
+  for (unsigned i = 0; i < 60000; ++i) {
+    for (unsigned bit = 0; bit < 8; ++bit) bits.push_back(((i * 7 % 255) << bit & 128) != 0);
+  }
+  bits.insert(bits.end(), 9, true);
+  Bytes code(bits.size() / 8 + 1);
+  for (std::size_t i = 0; i < bits.size(); ++i) {
+    code[i / 8] = static_cast<std::uint8_t>(code[i / 8] | (bits[i] ? 128 : 0) >> (i % 8));
+  }
+  const kqtest::HuffmanModelResult result = Decode(MakeStream(values, lengths, code));
+  ASSERT_EQ(result.status, 0);
+  ASSERT_EQ(result.bytes.size(), 60001U);
+  EXPECT_EQ(result.bytes[0], 255);
+  for (unsigned i = 0; i < 60000; ++i) ASSERT_EQ(result.bytes[i + 1], i * 7 % 255);
+}
+
+TEST(HuffmanStageDecode, LongStreamMayBeDenserInOnePlaceThanInAnother) {
+  // One bit a byte at first and many later, so that the first part is most of the output.
+  kqtest::RandomNumbers random(14);
+  Bytes input(700000, 'a');
+  for (unsigned i = 0; i < 220000; ++i) input.push_back(static_cast<std::uint8_t>(random()));
+  ExpectAsModel(kqtest::HuffmanModelEncode(input, 0));
+  std::reverse(input.begin(), input.end());
+  ExpectAsModel(kqtest::HuffmanModelEncode(input, 0));
+}
+
+TEST(HuffmanStageDecode, EndSymbolInTheMiddleOfALongStreamEndsIt) {
+  kqtest::RandomNumbers random(15);
+  for (const std::size_t length : {1U, 3000U, 9000U, 17000U, 30000U}) {
+    Bytes input(length);
+    for (std::uint8_t& byte : input) {
+      byte = static_cast<std::uint8_t>(std::min(random() % 100, random() % 100));
+    }
+    Bytes stream = kqtest::HuffmanModelEncode(input, 0);
+    for (unsigned i = 0; i < 30000; ++i) stream.push_back(static_cast<std::uint8_t>(random()));
+    const kqtest::HuffmanModelResult result = Decode(stream);
+    ASSERT_EQ(result.status, 0);
+    ASSERT_TRUE(result.bytes == input) << length;
+  }
+}
+
+TEST(HuffmanStageDecode, LongStreamsOfAnyCodeDecodeAsTheModelDoes) {
+  constexpr unsigned kSeed = 161718;
+  SCOPED_TRACE(kSeed);
+  kqtest::RandomNumbers random(kSeed);
+  for (unsigned round = 0; round < 60; ++round) {
+    const unsigned spread = 2 + random() % 255;
+    Bytes input(20000 + random() % 60000);
+    for (std::uint8_t& byte : input) {
+      const unsigned picked = random() % spread;
+      byte = static_cast<std::uint8_t>(round % 3 == 0 ? picked : std::min(picked, random() % 300));
+    }
+    Bytes stream = kqtest::HuffmanModelEncode(input, 0);
+    switch (round % 4) {
+      case 0:
+        stream.resize(stream.size() - random() % 20);
+        break;
+      case 1:  // in the code bits
+        for (unsigned change = 0; change < 3; ++change) {
+          stream[stream.size() - 1 - random() % (stream.size() - 250)] ^= 0x10;
+        }
+        break;
+      case 2:  // in the tables too
+        stream[random() % 150] ^= static_cast<std::uint8_t>(1U << random() % 8);
+        break;
+      default:
+        break;
+    }
+    ExpectAsModel(stream);
+    if (HasFatalFailure()) FAIL() << "round " << round;
+  }
+}
+
+TEST(HuffmanStageDecode, LongStreamsOfIncompleteAndOverfullCodesDecodeAsTheModelDoes) {
+  constexpr unsigned kSeed = 192021;
+  SCOPED_TRACE(kSeed);
+  kqtest::RandomNumbers random(kSeed);
+  for (unsigned round = 0; round < 60; ++round) {
+    std::vector<unsigned> values(2 + random() % 200);
+    for (unsigned i = 0; i < values.size(); ++i) values[i] = i;
+    std::vector<unsigned> lengths(values.size() + 1, 20);
+    const unsigned low = 1 + random() % 8;
+    for (std::size_t i = 0; i < values.size(); ++i) lengths[i] = low + random() % 9;
+    Bytes code(17000 + random() % 20000);
+    // Mostly codes that exist: those begin with few ones.
+    for (std::uint8_t& byte : code) {
+      byte =
+          static_cast<std::uint8_t>(random() % 2000 == 0 ? random() : random() & random() & 0x77);
+    }
+    ExpectAsModel(MakeStream(values, lengths, code));
+    if (HasFatalFailure()) FAIL() << "round " << round;
+  }
+}
+
 }  // namespace
 }  // namespace kq
