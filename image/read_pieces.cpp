@@ -81,7 +81,7 @@ bool PieceList::Insert(const ReadPiece& piece, Node* before, Node* after) {
   static_assert(offsetof(Node, item) == 0);
   void* memory = Take(sizeof(Node));
   if (memory == nullptr) return false;
-  Node* node = ::new (memory) Node{{}, after, nullptr, piece};
+  Node* node = ::new (memory) Node{{}, piece, after, nullptr};
   node->further = after != nullptr && Touch(piece, after->piece) ? after : node;
   (before != nullptr ? before->next : first_) = node;
   if (after == nullptr) last_ = node;

@@ -22,12 +22,12 @@
 namespace kq {
 
 struct ReadPiece {
+  std::uint64_t Start = 0;  // first volume byte that the piece delivers
+  std::uint64_t End = 0;    // last volume byte that it delivers, inclusive
   const ChunkPlace* Chunk = nullptr;
   std::uint64_t RunVolumeOffset = 0;  // volume offset of the run
   std::uint32_t FirstSector = 0;      // of the run, in the expanded chunk
   std::uint32_t Sectors = 0;          // of the run
-  std::uint64_t Start = 0;            // first volume byte that the piece delivers
-  std::uint64_t End = 0;              // last volume byte that it delivers, inclusive
 };
 
 class PieceList {
@@ -59,11 +59,11 @@ class PieceList {
   // piece; and it knows for each unbroken stretch where that ends, so that a piece passes it in one
   // step. Both together keep n pieces, however they overlap, at n log n.
   struct Node {
-    AvlItem item;  // first, so that an item is its node
+    AvlItem item;     // first, so that an item is its node
+    ReadPiece piece;  // whose ends the search looks at, together with the links before them
     Node* next;
     // A later node of the same unbroken stretch, or the node itself at the stretch's end.
     Node* further;
-    ReadPiece piece;
   };
   struct Block {
     Block* next;
