@@ -26,7 +26,7 @@ KQ_TARGET_AES inline void Store(void* to, __m128i value) {
 }
 
 KQ_TARGET_AES inline __m128i RoundKey(const AES_KEY& key, int round) {
-  return Load(key.roundKeys + 4 * round);
+  return Load(key.roundKeys + 4 * std::ptrdiff_t{round});
 }
 
 // Each word XORed with all words before it: the expansion's running sum over one round key.
@@ -184,7 +184,7 @@ KQ_TARGET_AES void AesHardwareSetDecryptKey(const std::uint8_t* keyBytes, std::u
                                             AES_KEY* key) {
   AesHardwareSetEncryptKey(keyBytes, bits, key);
   std::uint32_t* low = key->roundKeys;
-  std::uint32_t* high = key->roundKeys + 4 * key->rounds;
+  std::uint32_t* high = key->roundKeys + 4 * std::ptrdiff_t{key->rounds};
   std::swap_ranges(low, low + 4, high);
   for (low += 4, high -= 4; low <= high; low += 4, high -= 4) {
     const __m128i lowKey = _mm_aesimc_si128(Load(low));

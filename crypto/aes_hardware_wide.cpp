@@ -25,11 +25,11 @@ KQ_TARGET_AVX2 inline __m128i Load128(const void* from) {
 }
 
 KQ_TARGET_AVX2 inline __m256i RoundKey256(const AES_KEY& key, int round) {
-  return _mm256_broadcastsi128_si256(Load128(key.roundKeys + 4 * round));
+  return _mm256_broadcastsi128_si256(Load128(key.roundKeys + 4 * std::ptrdiff_t{round}));
 }
 
 KQ_TARGET_AVX512 inline __m512i RoundKey512(const AES_KEY& key, int round) {
-  return _mm512_broadcast_i32x4(Load128(key.roundKeys + 4 * round));
+  return _mm512_broadcast_i32x4(Load128(key.roundKeys + 4 * std::ptrdiff_t{round}));
 }
 
 template <int kRounds>
