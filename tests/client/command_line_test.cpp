@@ -147,7 +147,7 @@ TEST_F(CommandLineTest, ATerminalSeesTheProgressAndAQuietRunShowsNone) {
   const ClientResult shown = RunClientOnTerminal({"create", Path("volume"), Path("a.twf")});
   EXPECT_EQ(shown.exitStatus, 0);
   EXPECT_TRUE(shown.err.starts_with("\rImaging   0%  0 bytes of 68.4 KiB")) << shown.err;
-  EXPECT_TRUE(shown.err.ends_with(" \r")) << "the line is cleared at the end";
+  EXPECT_TRUE(shown.err.ends_with("\r\x1b[K")) << "the line is cleared at the end";
   EXPECT_TRUE(shown.out.starts_with(Path("a.twf") + ": full image of ")) << shown.out;
   const ClientResult quiet =
       RunClientOnTerminal({"restore", "-q", Path("a.twf"), "--to", Path("r")});

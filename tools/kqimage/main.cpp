@@ -3,6 +3,7 @@
 // Exit status: 0 done, 1 failed or interrupted, 2 the command line makes no sense.
 
 #include <fmt/format.h>
+#include <malloc.h>
 
 #include <cstdio>
 #include <exception>
@@ -24,6 +25,12 @@ constexpr char kExamples[] = R"(Examples:
   kqimage restore /backup/data-i001.twi --to disk.img
 
 kqimage COMMAND --help tells more about each command.)";
+
+// Chunks of 1 MiB come and go by the thousand, between small records that stay. From the heap, each
+// record would keep the chunk's place in front of it from being given back: 340 MiB were seen for
+// an increment that needs 70. A fixed threshold keeps chunks out of the heap, at no measurable
+// cost.
+void KeepChunksOutOfTheHeap() { mallopt(M_MMAP_THRESHOLD, 256 * 1024); }
 
 int Fail(std::string_view message, int exitStatus) {
   fmt::print(stderr, "kqimage: {}\n", message);
@@ -54,6 +61,7 @@ int RunCommand(const kqimage::Run& run) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  KeepChunksOutOfTheHeap();
   CLI::App app("Makes, reads and restores backup images of volumes", "kqimage");
   app.set_version_flag("--version", "kqimage " KQIMAGE_VERSION);
   app.require_subcommand(1);

@@ -64,7 +64,9 @@ Progress::Progress(std::string verb, std::uint64_t total, bool quiet)
 }
 
 Progress::~Progress() {
-  if (drawnWidth_ > 0) fmt::print(stderr, "\r{}\r", std::string(drawnWidth_, ' '));
+  // To the end of the line, where the terminal may have put a ^C behind the text.
+  constexpr const char* kClearLine = "\r\x1b[K";
+  if (drawnWidth_ > 0) fmt::print(stderr, "{}", kClearLine);
 }
 
 void Progress::Update(std::uint64_t done) {
