@@ -20,9 +20,9 @@ constexpr std::size_t kNotedBoundaries = 256;
 constexpr std::uint32_t kLookupsPerRound = 4;
 static_assert(kLookupsPerRound * kHuffmanLookupBits <= 57);
 constexpr std::uint64_t kBitsPerRound =
-    kLookupsPerRound * kHuffmanLookupBits + kHuffmanLongestStoredLength;
+    std::uint64_t{kLookupsPerRound} * kHuffmanLookupBits + kHuffmanLongestStoredLength;
 // Each lookup stores 4 bytes, of which up to 3 count.
-constexpr std::uint64_t kBytesPerRound = 4 * kLookupsPerRound;
+constexpr std::uint64_t kBytesPerRound = std::uint64_t{4} * kLookupsPerRound;
 static_assert(kLookupsPerRound * kHuffmanEntryMaxCount + 1 + 1 <= kBytesPerRound);
 
 // Rounds that a lane can do without looking at its limits.

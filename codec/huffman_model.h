@@ -21,6 +21,7 @@ struct HuffmanModelResult {
 inline std::vector<unsigned> HuffmanModelLengths(const std::vector<std::uint64_t>& counts) {
   const std::size_t n = counts.size();
   std::vector<std::uint64_t> leafWeights;
+  leafWeights.reserve(n);
   for (const std::uint64_t count : counts) {
     leafWeights.push_back((count << 8) == 0 ? 256 : count << 8);
   }

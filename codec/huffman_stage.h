@@ -18,8 +18,8 @@ inline constexpr std::uint64_t kHuffmanInputOffset = 0x40000;
 inline constexpr std::uint64_t kHuffmanInputLimit = 0x1C0000;
 
 // Encodes inputLength bytes that stand at workArea + kHuffmanInputOffset into output. Returns false
-// if capacity does not suffice; otherwise *outputLength is the stream's length. One byte behind the
-// input is looked at (see the source), so it must be readable.
+// if capacity does not suffice; otherwise *outputLength is the stream's length. The byte behind the
+// input, if it lies in the work area, takes part in the choice of the code (see the source).
 bool HuffmanStageEncode(std::uint8_t* workArea, std::uint64_t inputLength, std::uint8_t* output,
                         std::uint64_t capacity, std::uint64_t* outputLength);
 
