@@ -8,8 +8,8 @@
 
 namespace kq {
 
-// Bytes of the hash table that LzoBlockCompress works with: 32,768 entries. It need not be cleared;
-// stale entries are harmless, though the output may then differ from one run to another.
+// Bytes of the hash table that LzoBlockCompress works with. It is the caller's, who need not clear
+// it: what it held makes no difference to the output.
 inline constexpr std::uint64_t kLzoHashTableBytes = 0x40000;
 
 inline constexpr int kLzoSuccess = 0;
@@ -25,7 +25,8 @@ int LzoBlockCompress(const std::uint8_t* input, std::uint64_t inputLength, std::
 // Expands input into output, never writing beyond the room in *outputLength, which receives the
 // bytes of the whole frames done. *consumed receives the input they took. Returns kLzoSuccess,
 // which is also the answer when the room ends or the input is cut between frames, so a caller must
-// compare *consumed with inputLength; or kLzoBadStream.
+// compare *consumed with inputLength; or kLzoBadStream. What the room holds behind the whole frames
+// is undefined afterwards.
 int LzoBlockDecompress(const std::uint8_t* input, std::uint64_t inputLength, std::uint8_t* output,
                        std::uint64_t* outputLength, std::uint64_t* consumed);
 
