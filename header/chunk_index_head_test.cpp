@@ -84,7 +84,7 @@ TEST_F(ReadChunkIndexHeadTest, OpenFailureIsHandedOn) {
 
 TEST_F(ReadChunkIndexHeadTest, FileHoldsItsHeaderAndOneSectorMore) {
   Bytes file = kqtest::BuildImage(SpecWith(512));  // two header sectors
-  file.resize(3 * 512);
+  file.resize(1536);
   std::fill(file.begin() + 1024, file.end(), std::uint8_t{0});
   Set64(&file, 1024, 1024);
   HeapBuffer head;

@@ -18,7 +18,7 @@ TEST(DecipherHeaderRun, DeciphersInPlaceAndLeavesTheKeyBlob) {
   for (std::uint32_t type = 1; type <= 4; ++type) {
     const kqtest::ImageKey key = kqtest::MakeImageKey(type, "p");
     const Bytes blob = key.blob;
-    const Bytes plain = kqtest::PatternBytes(type, 3 * 512);
+    const Bytes plain = kqtest::PatternBytes(type, 3ul * 512);
     Bytes run = kqtest::EncipherWith(key)(plain, 0);
     EXPECT_EQ(Decipher(key, "p", &run).status, 0);
     EXPECT_EQ(run, plain);

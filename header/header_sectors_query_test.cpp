@@ -76,7 +76,7 @@ TEST_F(HeaderSectorsQueryTest, GivesPlainSectorsOfEveryEncryptionType) {
       const Bytes plain = PlainHeader(spec);
       const char* password = type == 0 ? nullptr : "secret";
       EXPECT_EQ(Get(KQImageFileGetAllHeaderSectors, password), plain);
-      EXPECT_EQ(Get(KQImageFileGetExtraSectors, password), From(plain, 2 * sectorSize));
+      EXPECT_EQ(Get(KQImageFileGetExtraSectors, password), From(plain, 2ul * sectorSize));
     }
   }
 }

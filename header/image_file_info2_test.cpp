@@ -241,7 +241,7 @@ TEST_F(ImageFileInfo2Test, EncipheredImageNeedsNoPasswordForItsChecksums) {
     EXPECT_EQ(answer.bytes[313], 1);
     EXPECT_EQ(answer.bytes[314], 1);
 
-    file[512 * 3] ^= 0x80;
+    file[1536] ^= 0x80;
     answer = Ask(file);
     ASSERT_EQ(answer.status.status, 0);
     EXPECT_EQ(answer.bytes[313], 1);

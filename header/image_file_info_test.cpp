@@ -299,7 +299,7 @@ TEST_F(ImageFileInfoTest, SectorSizeAndHeaderSectorsAtTheirExtremes) {
     Bytes file = kqtest::BuildImage(SmallImage());
     ASSERT_EQ(file.size(), 6 * 512u);
     // An index place behind all of these headers.
-    kqtest::Set64(&file, 5 * 512, 5 * 512);
+    kqtest::Set64(&file, 2560, 2560);
     kqtest::Set32(&file, 4, one.sectorSize);
     kqtest::Set32(&file, 8, one.headerSectors);
     const Answer answer = Ask(file);

@@ -56,6 +56,8 @@ KQStatus ReadSectors(const OSAlignedFile& file, std::uint64_t offset, std::uint6
   std::uint8_t* const aligned = buffer.data() + shift;
   KQ_RETURN_IF_FAILED(
       OSFileReadAligned(file, offset, aligned, static_cast<std::uint32_t>(length), bytesRead));
+  // Sector 0 holds the key blob.
+  buffer.WipeWhenFreed(*bytesRead);
   if (shift != 0) {
     std::memmove(buffer.data(), aligned, *bytesRead);
     std::memset(buffer.data() + *bytesRead, 0, shift);

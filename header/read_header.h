@@ -21,7 +21,8 @@ namespace kq {
 // sectors: receives count * SectorSize bytes, and is empty if no bytes are had. The buffer's own
 //   size is larger than that. With start 0 it begins with the 114 bytes that were checked, even
 //   where SectorSize is smaller. What the file is too short to hold reads as zero, where the file's
-//   block size divides the sectors, and is -31 otherwise.
+//   block size divides the sectors, and is -31 otherwise. Since the KeyBlob is among them, what
+//   came from the file is wiped when the buffer is freed.
 // size: receives the bytes, 0 if there are none; may be null.
 //
 // -1392 no finished image; -2 range beyond the header; -86 password missing or wrong; -87 a key

@@ -17,7 +17,6 @@ namespace kq {
 namespace {
 
 using kqtest::Bytes;
-using kqtest::ImageLayout;
 using kqtest::ImageSpec;
 using kqtest::PatternBytes;
 
@@ -343,12 +342,12 @@ TEST_P(EncipheredHeaderTest, NoPasswordWithholdsTheSectorsUnlessTolerated) {
     const Outcome all = Read(password, 0, 0, true);
     EXPECT_EQ(all.status.status, -86);
     ASSERT_TRUE(all.hasBuffer);
-    EXPECT_EQ(all.bytes, Part(file, 0, 4 * 512));
+    EXPECT_EQ(all.bytes, Part(file, 0, 4ul * 512));
 
     const Outcome extra = Read(password, 2, 1, true);
     EXPECT_EQ(extra.status.status, -86);
     ASSERT_TRUE(extra.hasBuffer);
-    EXPECT_EQ(extra.bytes, Part(file, 2 * 512, 512));
+    EXPECT_EQ(extra.bytes, Part(file, 1024, 512));
   }
 }
 
@@ -366,7 +365,7 @@ TEST_P(EncipheredHeaderTest, WrongPasswordIsToldByCheckedSchemesOnly) {
   ExpectFailure(outcome, -86, "crypto");
   const Outcome tolerated = Read("The password", 0, 0, true);
   EXPECT_EQ(tolerated.status.status, -86);
-  EXPECT_EQ(tolerated.bytes, Part(file, 0, 3 * 512));
+  EXPECT_EQ(tolerated.bytes, Part(file, 0, 3ul * 512));
 }
 
 TEST_P(EncipheredHeaderTest, PasswordThatIsNoUtf8IsOutOfMemory) {

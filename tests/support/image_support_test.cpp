@@ -96,9 +96,9 @@ ImageSpec RichImage(std::uint32_t encryptionType) {
   header.comment = u"A comment \u00e4";
   header.record.emplace();
   header.record->carriedValue9 = 0x1122334455667788;
-  header.laterSectors = PatternBytes(5, 3 * 1024);
-  const Bytes compressible(6 * 1024, 0x5A);
-  spec.chunks = {RawChunk({{0x10000, 3}, {0x4000, 1}}, PatternBytes(1, 4 * 1024)),
+  header.laterSectors = PatternBytes(5, 3ul * 1024);
+  const Bytes compressible(6ul * 1024, 0x5A);
+  spec.chunks = {RawChunk({{0x10000, 3}, {0x4000, 1}}, PatternBytes(1, 4ul * 1024)),
                  ZeroChunk({{0x20000, 100}}), StreamChunk({{0x80000, 6}}, LzoFrame(compressible))};
   if (encryptionType != 0) EncipherImage(&spec, encryptionType, "secret");
   return spec;
@@ -133,12 +133,12 @@ TEST(ParseImage, FindsWhatBuildImageComposed) {
     EXPECT_EQ(image.chunks[0].data, spec.chunks[0].data);
     EXPECT_EQ(image.chunks[0].storedBody == spec.chunks[0].data, type == 0);
     EXPECT_EQ(image.chunks[1].storedSectors, 1u);
-    EXPECT_EQ(image.chunks[2].data, Bytes(6 * 1024, 0x5A));
+    EXPECT_EQ(image.chunks[2].data, Bytes(6ul * 1024, 0x5A));
 
     EXPECT_TRUE(image.Holds(0x4000));
     EXPECT_FALSE(image.Holds(0x4400));
     Bytes around(0x500);
-    for (std::size_t i = 0; i < 0x400; ++i) around[0x100 + i] = spec.chunks[0].data[3 * 1024 + i];
+    for (std::size_t i = 0; i < 0x400; ++i) around[0x100 + i] = spec.chunks[0].data[3ul * 1024 + i];
     EXPECT_EQ(image.ReadVolume(0x3F00, 0x500), around);
   }
 }
