@@ -36,15 +36,12 @@ HeapBuffer HeapBuffer::AllocateAlignedZeroed(std::size_t alignment, std::size_t 
 void Wipe(void* memory, std::size_t size) { explicit_bzero(memory, size); }
 
 SecretBuffer SecretBuffer::AllocateZeroed(std::size_t size) {
-  SecretBuffer secret;
-  secret.buffer_ = HeapBuffer::AllocateZeroed(size);
-  return secret;
+  return SecretBuffer(HeapBuffer::AllocateZeroed(size));
 }
 
 SecretBuffer SecretBuffer::CopyOf(const void* data, std::size_t size) {
-  SecretBuffer secret;
-  secret.buffer_ = HeapBuffer::Allocate(size);
-  if (secret.buffer_ && size != 0) std::memcpy(secret.buffer_.data(), data, size);
+  SecretBuffer secret(HeapBuffer::Allocate(size));
+  if (secret && size != 0) std::memcpy(secret.data(), data, size);
   return secret;
 }
 

@@ -14,8 +14,20 @@
 
 namespace kq {
 
+// Overwrites memory with zero in a way that the optimiser can't remove.
+void Wipe(void* memory, std::size_t size);
+
 struct FreeDeleter {
   void operator()(void* memory) const { std::free(memory); }
+};
+
+struct WipingDeleter {
+  std::size_t secretBytes = 0;
+
+  void operator()(void* memory) const {
+    if (secretBytes != 0) Wipe(memory, secretBytes);
+    std::free(memory);
+  }
 };
 
 // Bytes from malloc, or from posix_memalign where an alignment is given. An allocation of 0 bytes
@@ -43,28 +55,24 @@ class HeapBuffer {
   std::span<const std::uint8_t> bytes() const { return {data(), size_}; }
   void Reset() { *this = HeapBuffer(); }
 
+  // From now on the first count bytes are wiped before the memory is freed, whoever owns it then.
+  // For a buffer that holds a secret among other bytes, or that is larger than what may be touched.
+  void WipeWhenFreed(std::size_t count) {
+    bytes_.get_deleter().secretBytes = count < size_ ? count : size_;
+  }
+
  private:
   HeapBuffer(void* memory, std::size_t size)
       : bytes_(static_cast<std::uint8_t*>(memory)), size_(memory != nullptr ? size : 0) {}
 
-  std::unique_ptr<std::uint8_t, FreeDeleter> bytes_;
+  std::unique_ptr<std::uint8_t, WipingDeleter> bytes_;
   std::size_t size_ = 0;
 };
-
-// Overwrites memory with zero in a way that the optimiser can't remove.
-void Wipe(void* memory, std::size_t size);
 
 // Heap memory for passwords, keys and key blobs: wiped before it is freed.
 class SecretBuffer {
  public:
   SecretBuffer() = default;
-  SecretBuffer(SecretBuffer&&) noexcept = default;
-  SecretBuffer& operator=(SecretBuffer&& other) noexcept {
-    WipeContent();
-    buffer_ = std::move(other.buffer_);
-    return *this;
-  }
-  ~SecretBuffer() { WipeContent(); }
 
   static SecretBuffer AllocateZeroed(std::size_t size);
   static SecretBuffer CopyOf(const void* data, std::size_t size);
@@ -81,8 +89,8 @@ class SecretBuffer {
   void Reset() { *this = SecretBuffer(); }
 
  private:
-  void WipeContent() {
-    if (buffer_) Wipe(buffer_.data(), buffer_.size());
+  explicit SecretBuffer(HeapBuffer buffer) : buffer_(std::move(buffer)) {
+    if (buffer_) buffer_.WipeWhenFreed(buffer_.size());
   }
 
   HeapBuffer buffer_;

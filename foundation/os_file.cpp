@@ -143,6 +143,8 @@ std::int64_t OSFileGetBlockSize(OSFile* file) {
   std::int64_t found = -1;
   lseek64(file->fd, 0, SEEK_SET);
   for (std::size_t size = kSmallest; size <= kLargest && found < 0; size *= 2) {
+    // Of an enciphered image these are bytes of its key blob.
+    buffer.WipeWhenFreed(2 * size);
     // A read that meets the end of the file has been accepted all the same.
     if (lseek64(file->fd, static_cast<off64_t>(size), SEEK_SET) >= 0 &&
         ReadRestarting(file->fd, buffer.data() + size, size) >= 0) {

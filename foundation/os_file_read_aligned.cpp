@@ -13,7 +13,8 @@ namespace {
 constexpr char kModule[] = "kqos";
 constexpr std::size_t kBounceAlignment = 4096;
 
-// Reads until length bytes have come or the file ends.
+// Reads until length bytes have come or the file ends. A failure takes back what has come: who
+// asked for it does not know that it is there, and it may be a key blob.
 KQStatus ReadAt(const OSFile* file, std::uint64_t offset, void* buffer, std::uint64_t length,
                 std::uint64_t* bytesRead) {
   // The seek asks the file system whether it takes the offset at all, and refuses pipes: pread64
@@ -31,7 +32,9 @@ KQStatus ReadAt(const OSFile* file, std::uint64_t offset, void* buffer, std::uin
     if (count > 0) {
       done += static_cast<std::uint64_t>(count);
     } else if (errno != EINTR) {
-      return KQ_FAIL_ERRNO(errno);
+      const int error = errno;
+      Wipe(buffer, done);
+      return KQ_FAIL_ERRNO(error);
     }
   }
   *bytesRead = done;
@@ -65,6 +68,8 @@ KQStatus OSFileReadAligned(const OSAlignedFile& file, std::uint64_t offset, void
   HeapBuffer bounce = HeapBuffer::AllocateAligned(kBounceAlignment, bounceSize);
   if (!bounce) return KQ_FAIL(kNotEnoughMemory);
   KQ_RETURN_IF_FAILED(ReadAt(file.file, offset - rest, bounce.data(), bounceSize, &count));
+  // Key blobs come this way, wanted or not. What the file did not hold was not touched.
+  bounce.WipeWhenFreed(count);
   if (count < rangeEnd) return KQ_FAIL(kGenFailure);
   std::memcpy(buffer, bounce.data() + rest, length);
   *bytesRead = length;

@@ -62,6 +62,8 @@ KQStatus ReadSectors(const OSAlignedFile& file, std::uint64_t offset, std::uint6
     std::memmove(buffer.data(), aligned, *bytesRead);
     std::memset(buffer.data() + *bytesRead, 0, shift);
   }
+  // Sector 0 holds the KeyBlob, and the later ones are plain text soon.
+  buffer.WipeWhenFreed(*bytesRead);
   *sectors = std::move(buffer);
   return Success();
 }

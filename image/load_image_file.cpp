@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "codec/compressor.h"
 #include "codec/all_zero.h"
+#include "codec/compressor.h"
 #include "foundation/little_endian.h"
 #include "image/chunk_index.h"
 #include "image/open_image_file.h"
@@ -28,6 +28,16 @@ bool HeaderIsReadable(const ImageHeader& header) {
          header.HeaderSectors != 0 && knownSectorSize &&
          std::uint64_t{header.SectorSize} * header.HeaderSectors <= kLargestHeader;
 }
+
+// Sector 0 is read into it, with the key blob: wiped when it goes.
+struct WipedSector {
+  alignas(kSectorAlignment) std::uint8_t bytes[kLargestWorkSector] = {};
+
+  WipedSector() = default;
+  WipedSector(const WipedSector&) = delete;
+  WipedSector& operator=(const WipedSector&) = delete;
+  ~WipedSector() { Wipe(bytes, sizeof bytes); }
+};
 
 // Leaves sector 0 in the buffer, which has room for the largest sector.
 KQStatus ReadHeader(OpenImageFile* file, std::uint8_t* sector) {
@@ -131,11 +141,11 @@ KQStatus LoadImageFile(const char* path, const char* password, Owned<OpenImageFi
   KQ_RETURN_IF_FAILED(OSFileOpen(path, O_RDONLY, 0, &opened));
   file->File = MakeAlignedFile(opened);
 
-  alignas(kSectorAlignment) std::uint8_t sector[kLargestWorkSector] = {};
-  KQ_RETURN_IF_FAILED(ReadHeader(file.get(), sector));
+  WipedSector sector;
+  KQ_RETURN_IF_FAILED(ReadHeader(file.get(), sector.bytes));
   KQ_RETURN_IF_FAILED(SetUpCompression(file.get()));
-  if (file->EncryptionType != 0) KQ_RETURN_IF_FAILED(SetUpKey(file.get(), sector));
-  KQ_RETURN_IF_FAILED(FindIndex(file.get(), sector));
+  if (file->EncryptionType != 0) KQ_RETURN_IF_FAILED(SetUpKey(file.get(), sector.bytes));
+  KQ_RETURN_IF_FAILED(FindIndex(file.get(), sector.bytes));
   KQ_RETURN_IF_FAILED(ReadChunkIndex(file.get()));
   *result = std::move(file);
   return Success();

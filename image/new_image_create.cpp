@@ -29,6 +29,7 @@ KQStatus AllocateBuffers(NewImageFile* image, std::uint32_t headerBytes) {
   const std::uint32_t sectorSize = image->SectorSize;
   image->Header = HeapBuffer::Allocate(headerBytes);
   if (!image->Header) return KQ_FAIL(kNotEnoughMemory);
+  image->Header.WipeWhenFreed(headerBytes);
 
   image->ChunkBufferSize = kHeaderAndChunkBytes - headerBytes;
   std::uint64_t allocated = 0;

@@ -46,7 +46,9 @@ struct NewImageFile {
   bool ReplaceCarriedValues = false;
   std::uint64_t CarriedValues[2] = {};  // for CarriedValue1 and CarriedValue2 of the record
 
-  HeapBuffer Header;  // all header sectors, as they go to the file
+  // All header sectors, as they go to the file. First the template's KeyBlob and at the end the new
+  // one stand in it, so it is wiped.
+  HeapBuffer Header;
 
   // The chunk under construction: its ChunkHead sector, then the data. The allocation reaches up
   // to a whole sector and holds at least one, whatever ChunkBufferSize is.
