@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <random>
 #include <span>
@@ -31,23 +30,20 @@ inline constexpr std::uint8_t kGuardByte = 0xA5;
 
 class GuardedBuffer {
  public:
-  explicit GuardedBuffer(std::size_t size)
-      : size_(size), bytes_(std::make_unique<std::uint8_t[]>(size + kGuardBytes)) {
-    std::fill_n(bytes_.get(), size + kGuardBytes, kGuardByte);
-  }
+  explicit GuardedBuffer(std::size_t size) : size_(size), bytes_(size + kGuardBytes, kGuardByte) {}
   explicit GuardedBuffer(std::span<const std::uint8_t> content) : GuardedBuffer(content.size()) {
-    std::copy(content.begin(), content.end(), bytes_.get());
+    std::copy(content.begin(), content.end(), bytes_.begin());
   }
-  std::uint8_t* data() { return bytes_.get(); }
+  std::uint8_t* data() { return bytes_.data(); }
   std::size_t size() const { return size_; }
   bool Intact() const {
-    return std::all_of(bytes_.get() + size_, bytes_.get() + size_ + kGuardBytes,
+    return std::all_of(bytes_.end() - kGuardBytes, bytes_.end(),
                        [](std::uint8_t byte) { return byte == kGuardByte; });
   }
 
  private:
   std::size_t size_;
-  std::unique_ptr<std::uint8_t[]> bytes_;
+  std::vector<std::uint8_t> bytes_;
 };
 
 inline std::vector<std::uint64_t> LzoTable(std::uint64_t fill = 0) {
