@@ -23,7 +23,8 @@ class RoundTripTest : public ClientTest,
 
 TEST_P(RoundTripTest, GivesBackEveryByteOfVolumesOfAnySize) {
   const auto [compression, sectorSize] = GetParam();
-  for (const std::size_t size : {1, 511, 512, 513, 4095, 4096, 4097, 1048576, 4194304, 9000001}) {
+  for (const std::size_t size :
+       {1u, 511u, 512u, 513u, 4095u, 4096u, 4097u, 1048576u, 4194304u, 9000001u}) {
     SCOPED_TRACE(size);
     const Volume volume = MakeVolume(size, static_cast<unsigned>(size));
     Put("volume", volume);
@@ -92,7 +93,7 @@ TEST_F(CreateTest, ZeroStretchesAreNotStoredEvenUncompressed) {
 }
 
 TEST_F(CreateTest, AWhollyZeroVolumeStillGivesAnImage) {
-  for (const std::size_t size : {1, 512, 100000}) {
+  for (const std::size_t size : {1u, 512u, 100000u}) {
     Put("volume", Volume(size));
     Create(Path("volume"), Path("a.twf"), {"--force"});
     EXPECT_EQ(Restore({Path("a.twf")}), Volume(size));
