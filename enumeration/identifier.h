@@ -1,0 +1,23 @@
+// The 16-byte identifiers of images, image sets and snapshot sets.
+#ifndef KQ_ENUMERATION_IDENTIFIER_H
+#define KQ_ENUMERATION_IDENTIFIER_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+namespace kq {
+
+// As it stands in the file: the mixed byte order of a Windows GUID.
+using Identifier = std::array<std::uint8_t, 16>;
+
+// A base's ParentImageId, and a snapshot set that nobody has set.
+inline bool IsZero(const Identifier& identifier) { return identifier == Identifier{}; }
+
+// The key of the maps by identifier, such as {33221100-5544-7766-8899-AABBCCDDEEFF} for the bytes
+// 00 11 22 ... FF: always 38 characters, upper case. Throws std::bad_alloc.
+std::string IdentifierText(const Identifier& identifier);
+
+}  // namespace kq
+
+#endif
