@@ -3,47 +3,17 @@
 // the address sanitizer.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iterator>
 #include <string>
 
+#include "header/allocation_watch_test.h"
 #include "header/read_header.h"
 #include "kqimageapi.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/image_cipher.h"
 #include "tests/support/temp_dir.h"
-
-namespace {
-
-// Allocations to let through before one fails; negative: none fails.
-thread_local int allocationsLeft = -1;
-thread_local bool allocationFailed = false;
-
-bool FailsNow() {
-  if (allocationsLeft < 0 || allocationsLeft-- > 0) return false;
-  allocationFailed = true;
-  return true;
-}
-
-}  // namespace
-
-// The linker sends the library's allocations here.
-extern "C" {
-void* __real_malloc(std::size_t size);
-void* __real_calloc(std::size_t count, std::size_t size);
-int __real_posix_memalign(void** memory, std::size_t alignment, std::size_t size);
-
-void* __wrap_malloc(std::size_t size) { return FailsNow() ? nullptr : __real_malloc(size); }
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-  return FailsNow() ? nullptr : __real_calloc(count, size);
-}
-int __wrap_posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
-  return FailsNow() ? ENOMEM : __real_posix_memalign(memory, alignment, size);
-}
-}
 
 namespace kq {
 namespace {
@@ -80,10 +50,13 @@ class AllocationFailureTest : public testing::TestWithParam<std::uint32_t> {
     int refused = 0;
     for (int before = 0;; ++before) {
       SCOPED_TRACE(before);
-      allocationFailed = false;
-      allocationsLeft = before;
-      const Result result = query();
-      allocationsLeft = -1;
+      Result result;
+      bool failed = false;
+      {
+        const kqtest::FailingAllocation failing(before);
+        result = query();
+        failed = failing.happened();
+      }
       EXPECT_EQ(OpenFiles(), openFiles);
       if (result.status == 0) {
         EXPECT_EQ(result, whole);
@@ -91,7 +64,7 @@ class AllocationFailureTest : public testing::TestWithParam<std::uint32_t> {
         ++refused;
         EXPECT_EQ(result, (Result{-8, emptied}));
       }
-      if (!allocationFailed) break;
+      if (!failed) break;
     }
     EXPECT_GE(refused, 2);
   }
@@ -159,14 +132,12 @@ TEST_P(AllocationFailureTest, ChunkIndexHead) {
 TEST_P(AllocationFailureTest, TestPassword) {
   for (int before = 0;; ++before) {
     SCOPED_TRACE(before);
-    allocationFailed = false;
-    allocationsLeft = before;
+    const kqtest::FailingAllocation failing(before);
     bool opens = true;
     const KQStatus status = KQImageFileTestPassword(path_.c_str(), "secret", &opens);
-    allocationsLeft = -1;
     EXPECT_TRUE(status.status == 0 || status.status == -8);
     EXPECT_FALSE(status.status != 0 && opens);
-    if (!allocationFailed) {
+    if (!failing.happened()) {
       EXPECT_TRUE(opens);
       break;
     }
