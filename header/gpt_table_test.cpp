@@ -261,10 +261,8 @@ TEST(ReadGptTable, PartitionNeedsAllBytesInFrontAndEntriesToBeAMultipleOfAnEntry
 }
 
 TEST(ReadGptTable, EntryThatEndsBehindTheTablesIsNotFound) {
-  // Sectors of 96 bytes, 192 in front; 171 sectors of entries are 16,416 bytes. 128 divides
-  // 16,608 not, but 16,512 + 192 = 16,704 neither; 16,448 is no multiple of 96. The first that fits
-  // above the least size is 172 * 96 = 16,512 with 16,704 = 130.5 entries, so 174: 16,704 + 192 =
-  // 16,896 = 132 entries, of which the last within the entries begins 64 bytes before their end.
+  // 130 entries are 16,640 bytes, which take 174 sectors of 96 bytes, 16,704 bytes; together with
+  // the 192 bytes in front that is a multiple of 128. Entry 131 begins 64 bytes before the end.
   GptSpec spec = Disk(96);
   spec.entryCount = 130;  // 16,640 bytes in 174 sectors
   Bytes tables = GptTables(spec);
