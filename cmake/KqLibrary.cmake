@@ -31,6 +31,9 @@ include(CMakePackageConfigHelpers)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/kqimageapiConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 configure_file(cmake/kqimageapiConfig.cmake.in kqimageapiConfig.cmake @ONLY)
+# Relative, so that an installation may be moved.
+file(RELATIVE_PATH KQ_PREFIX_FROM_PKGCONFIG
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/kqimageapi.pc.in kqimageapi.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kqimageapiConfig.cmake
               ${PROJECT_BINARY_DIR}/kqimageapiConfigVersion.cmake
