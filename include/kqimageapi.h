@@ -2,7 +2,7 @@
  *
  * A full image (.twf) and its increments (.twi) form a chain that reads as one flat volume, the
  * newest file winning for each byte. The functions here open and read chains, create new image
- * files, and tell what a file is.
+ * files, tell what a file is, and check and repair headers.
  *
  * Common rules
  *
@@ -170,6 +170,178 @@ KQ_API KQStatus KQImageFileGetExtraSectors(const char* path, const char* passwor
  * no finished image file; -31 shorter than a header; -8 out of memory; others as the operating
  * system reports. A wrong password is no failure. */
 KQ_API KQStatus KQImageFileTestPassword(const char* path, const char* password, bool* result);
+
+/* What the deciphered part of a header tells of the imaged volume, its disk, and where on the disk
+ * it lay. 593 bytes, packed, and a tail. Texts are UTF-16 with a NUL, cut to their field. The
+ * values without another name are the creating client's, who alone knows what they mean. */
+typedef struct __attribute__((packed)) ProtectedInfo {
+  uint16_t thirdText[64];
+  uint16_t secondText[64];
+  uint32_t volumeValue5;
+  uint16_t volumeValue6;
+  uint32_t volumeValue1;
+  uint32_t volumeValue2;
+  uint32_t volumeValue3;
+  uint32_t volumeValue4;
+  uint16_t firstText[128];
+  uint8_t diskInfoPresent; /* 0: from here to sectorsBefore all is 0 but partitionNumber */
+  uint64_t diskValue1;
+  uint32_t diskValue2;
+  uint32_t diskValue3;
+  uint32_t partitionNumber; /* from 1; 0xFFFFFFFF: none, or not known */
+  uint8_t tableRead;        /* 1: an MBR table was looked at; if it is damaged, or has no such
+                               partition, the partition's fields are 0 */
+  uint32_t diskSignature;
+  uint64_t partitionLength;
+  uint64_t partitionOffset; /* each link in a chain of extended partitions is added to those before
+                               it, which a disk does not do from the third logical partition on */
+  uint8_t active;
+  uint8_t primary; /* 1: no extended partition holds it */
+  uint8_t partitionType;
+  uint32_t sectorsBefore;   /* its start as it stands in its table */
+  uint32_t extraBytes;      /* of the header's sectors from 2 on */
+  uint32_t trailingSectors; /* those of them, from the end, that are no copy of the disk's tables */
+  uint16_t list[1];         /* the text behind "MPLIST=", of any length; one NUL if there is none */
+} ProtectedInfo;
+
+/* Tells what the deciphered part of the header holds, with the partition's place for a disk with an
+ * MBR. KQImageFileGetInfoProtectedEx tells more, and of a GPT as well.
+ *
+ * password: needed if the image is enciphered; may be null otherwise.
+ * info: memory of the caller's for the structure and the longest list that the file can hold: 593
+ *   bytes and the image's sector size are always enough. The list is stored whole: it is NOT cut
+ *   to size.
+ * size: at least 593; that many bytes of info are zeroed first. Receives 593 and the bytes of the
+ *   list, without its NUL. Unchanged on a failure.
+ *
+ * A damaged partition table is no failure.
+ *
+ * Statuses: -87 path, info or size null, or size below 593, then nothing is zeroed, or a key blob
+ * of the wrong length; -2 only one header sector, or no such file; -86 password missing or wrong;
+ * -1392 no finished image file; -31 shorter than its header; -8 out of memory, or a password that
+ * is no UTF-8; others as the operating system reports. A wrong password for encryption type 1 is
+ * not noticed and gives garbage. */
+KQ_API KQStatus KQImageFileGetInfoProtected(const char* path, const char* password,
+                                            ProtectedInfo* info, uint32_t* size);
+
+/* The part of ProtectedInfoEx that a disk with an MBR fills. */
+typedef struct __attribute__((packed)) ProtectedMbrInfo {
+  uint32_t diskSignature;
+  uint8_t active;
+  uint8_t inMbr; /* 1: it stands in the MBR itself */
+  uint8_t partitionType;
+  uint32_t sectorsInFront; /* its start minus 1 if it is the MBR's first entry, else 0 */
+} ProtectedMbrInfo;
+
+/* What the deciphered part of a header tells. 256 bytes, packed, and the texts behind them. Texts
+ * are UTF-16 with a NUL. */
+typedef struct __attribute__((packed)) ProtectedInfoEx {
+  const uint16_t* thirdText; /* each points behind the 256 bytes; an empty text to its NUL */
+  const uint16_t* secondText;
+  uint32_t volumeValue5;
+  uint16_t volumeValue6;
+  uint32_t volumeValue1;
+  uint32_t volumeValue2;
+  uint32_t volumeValue3;
+  uint32_t volumeValue4;
+  const uint16_t* firstText;
+  uint32_t extraBytes;      /* of the header's sectors from 2 on */
+  uint32_t trailingSectors; /* those of them, from the end, that are no copy of the disk's tables */
+  const uint16_t* list;     /* the text behind "MPLIST=" */
+  uint8_t diskInfoPresent;  /* 0: from here to partitionNumber nothing means anything */
+  uint64_t diskValue1;
+  uint32_t diskValue2;
+  uint32_t diskValue3;
+  uint32_t partitionStyle;  /* 0 none, 1 MBR, 2 GPT */
+  uint32_t partitionNumber; /* from 1; 0xFFFFFFFF: none; 0: with an MBR the last one */
+  uint8_t tableFound;       /* 1: the tables passed all checks */
+  uint8_t partitionFound;   /* 1: and have this partition */
+  uint64_t partitionOffset; /* of a logical partition: its start in bytes counted from its own
+                               table, plus the SECTOR in which that table lies */
+  uint64_t partitionLength;
+  union {
+    ProtectedMbrInfo mbr;
+    uint8_t gptDiskGuid[16];
+  } disk;
+  /* From here to name for a GPT only. With an MBR they stay as the caller had them. */
+  uint64_t usableOffset;
+  uint64_t usableLength;
+  uint32_t entryCount;
+  uint8_t protectiveMbr; /* 1: the MBR in front claims the disk for the GPT alone */
+  uint8_t typeGuid[16];
+  uint8_t uniqueGuid[16];
+  uint64_t attributes;
+  uint16_t name[36];
+  uint16_t reserved; /* 0 */
+} ProtectedInfoEx;
+
+/* Tells what the deciphered part of the header holds.
+ *
+ * password: needed if the image is enciphered; may be null otherwise.
+ * version: 0.
+ * info: receives the structure and the texts; null asks for the size alone.
+ * size: the bytes in info; receives the bytes needed. Unchanged on every failure but -234.
+ *
+ * A damaged partition table is no failure: tableFound and partitionFound tell it.
+ *
+ * Statuses: -87 path or size null, or another version, or a key blob of the wrong length; -234 info
+ * null or size too small, the size needed is stored; -2 only one header sector, or no such file;
+ * -86 password missing or wrong; -1392 no finished image file; -31 shorter than its header; -8 out
+ * of memory, or a password that is no UTF-8; others as the operating system reports. A wrong
+ * password for encryption type 1 is not noticed and gives garbage. */
+KQ_API KQStatus KQImageFileGetInfoProtectedEx(const char* path, const char* password,
+                                              uint32_t version, ProtectedInfoEx* info,
+                                              uint32_t* size);
+
+/* A defect of headers that the library can find and repair. 16 bytes. */
+typedef struct HeaderIssue {
+  uint64_t id;         /* a single bit */
+  const char* message; /* a constant of the library */
+} HeaderIssue;
+
+/* Lists the known issues: two.
+ *
+ * table: receives them in the order of their tests; may be null.
+ * size: the bytes in table; receives the bytes needed, 32.
+ *
+ * Statuses: -87 size null; -234 size too small, the size needed is stored, whether or not there is
+ * a table. */
+KQ_API KQStatus KQImageFileHeaderIssues(HeaderIssue* table, uint32_t* size);
+
+/* What came of one issue. It lives for the length of the callback's call. */
+typedef struct HeaderIssueReport {
+  uint64_t issueId;
+  const char* message;
+  uint8_t present; /* 1: it was found and, unless only checking, repaired in memory */
+  uint8_t skipped; /* 1: it can't be tested without the deciphered header, which is not to be had */
+  uint8_t reserved[2];
+  KQStatus status; /* if skipped for a failed decipher: that failure */
+} HeaderIssueReport;
+
+/* Returns true to go on. */
+typedef bool (*HeaderIssueCallback)(void* argument, const HeaderIssueReport* report);
+
+/* Looks for the known issues in the header of a finished image file, or repairs them in place.
+ *
+ * A repair writes the header in one write and makes it durable before it reports success; nothing
+ * behind the header is touched. No copy is kept: a crash in that moment may leave a header with
+ * wrong checksums. The file must not be open in a chain, here or elsewhere.
+ *
+ * password: needed for issue 2 if the image is enciphered; may be null otherwise.
+ * issues: ids, joined by or. Checking: receives those found. Repairing: those to repair.
+ * checkOnly: not 0: look only, the file is opened for reading.
+ * callback: called once for each issue tested; may be null. A repair without one takes an issue
+ *   that is not there for a wrong request.
+ *
+ * Statuses: -87 path or issues null, or, repairing without a callback, an issue that is not there,
+ * then nothing is written; -1392 no finished image file, checksums that are wrong already, a record
+ * that can't be found, or, repairing, the wrong password for encryption type 1; -86 repairing
+ * without a callback, password missing or wrong for an issue that needs it; -1223 the callback
+ * returned false, then nothing is written; -23 the file ends within the block in which its header
+ * ends; -6000 and -8 out of memory; others as the operating system reports. */
+KQ_API KQStatus KQImageFileFixHeader(const char* path, const char* password, uint64_t* issues,
+                                     uint8_t checkOnly, HeaderIssueCallback callback,
+                                     void* callbackArgument);
 
 /* Opens the chain that the given files form.
  *
