@@ -413,7 +413,7 @@ TEST_P(SecretsTest, NoneIsFreedByACloseThatFails) {
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const auto previous = signal(SIGXFSZ, SIG_IGN);
-  for (const rlim_t extra : {rlim_t{100}, rlim_t{10 * 512}}) {
+  for (const rlim_t extra : {rlim_t{100}, rlim_t{5120}}) {
     const rlimit limited{headerTemplate.size() + extra, before.rlim_max};
     closed_ = 0;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
