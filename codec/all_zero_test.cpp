@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_seed.h"
+
 namespace kq {
 namespace {
 
@@ -84,7 +86,7 @@ TEST(IsAllZero, WhatLiesAroundTheDataDoesNotCount) {
 }
 
 TEST(IsAllZero, AnswersAsThePlainTestOnSparseData) {
-  const std::uint32_t seed = std::random_device{}();
+  const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   for (const Way& way : Ways()) {

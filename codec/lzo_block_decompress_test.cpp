@@ -4,6 +4,7 @@
 #include "codec/lzo_block.h"
 #include "codec/lzo_model.h"
 #include "codec/lzo_test_data.h"
+#include "tests/support/test_seed.h"
 
 namespace {
 
@@ -295,7 +296,7 @@ void ExpectAsModel(const Bytes& input, std::size_t room) {
 }
 
 TEST(LzoBlockDecompress, SmallStreamsGiveTheModelsAnswerInEveryRoomAndCut) {
-  const std::uint32_t seed = std::random_device{}();
+  const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   for (unsigned kind = 1; kind < kqtest::kKindsOfData; ++kind) {
@@ -319,7 +320,7 @@ TEST(LzoBlockDecompress, SmallStreamsGiveTheModelsAnswerInEveryRoomAndCut) {
 }
 
 TEST(LzoBlockDecompress, DamagedStreamsGiveTheModelsAnswer) {
-  const std::uint32_t seed = std::random_device{}();
+  const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   for (int round = 0; round < 100; ++round) {
@@ -407,7 +408,7 @@ Bytes RandomStream(Random* random, std::size_t instructions) {
 }
 
 TEST(LzoBlockDecompress, RandomInstructionsGiveTheModelsAnswer) {
-  const std::uint32_t seed = std::random_device{}();
+  const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   int good = 0;
@@ -430,7 +431,7 @@ TEST(LzoBlockDecompress, RandomInstructionsGiveTheModelsAnswer) {
 using PeerCompress = int (*)(const lzo_bytep, lzo_uint, lzo_bytep, lzo_uintp, lzo_voidp);
 
 TEST(LzoBlockDecompress, ReadsThePeersStreams) {
-  const std::uint32_t seed = std::random_device{}();
+  const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   Bytes work(std::max<std::size_t>(LZO1X_1_15_MEM_COMPRESS, LZO1X_1_MEM_COMPRESS));
@@ -465,7 +466,7 @@ TEST(LzoBlockDecompress, ShortMatchesOfThePeerComeOutAsTheModelHasThem) {
 }
 
 TEST(LzoBlockDecompress, EndsWhereThePeerEnds) {
-  const std::uint32_t seed = std::random_device{}();
+  const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   for (unsigned kind = 1; kind < kqtest::kKindsOfData; ++kind) {

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_seed.h"
+
 namespace kq {
 
 static std::ostream& operator<<(std::ostream& out, const Run& run) {
@@ -453,7 +455,7 @@ TEST(NextRun, OffsetsAndLengthsWrapAround) {
   EXPECT_EQ(ReadAll(list.Written()).runs, runs);
 }
 
-std::uint32_t Seed() { return std::random_device{}(); }
+std::uint32_t Seed() { return kqtest::TestSeed(); }
 
 TEST(RunList, RandomListsMatchTheModelAndReadBack) {
   const std::uint32_t seed = Seed();

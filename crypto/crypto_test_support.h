@@ -17,6 +17,7 @@
 
 #include "crypto/aes.h"
 #include "crypto/aes_dispatch.h"
+#include "tests/support/test_seed.h"
 
 namespace kqtest {
 
@@ -60,7 +61,7 @@ inline Bytes UnitsOfAscii(std::string_view text) {
 
 class Random {
  public:
-  Random() : seed_(std::random_device{}()), engine_(seed_) {
+  Random() : seed_(kqtest::TestSeed()), engine_(seed_) {
     std::printf("seed %u\n", static_cast<unsigned>(seed_));
   }
   std::uint32_t Below(std::uint32_t limit) {

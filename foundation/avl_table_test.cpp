@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_seed.h"
+
 namespace {
 
 using kq::AvlInsertResult;
@@ -237,7 +239,7 @@ TEST_F(AvlTableTest, EverySmallTreeStaysBalancedAfterEveryRemoval) {
 }
 
 TEST_F(AvlTableTest, RandomInsertionsAndRemovalsMatchAPlainMap) {
-  const unsigned seed = std::random_device()();
+  const unsigned seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   testing::internal::CaptureStderr();

@@ -4,6 +4,7 @@
 
 #include "image/chain_test_support.h"
 #include "image/chunk_cache.h"
+#include "tests/support/test_seed.h"
 
 namespace kq {
 namespace {
@@ -342,7 +343,7 @@ std::int32_t ModelRead(const std::vector<ModelFile>& files, std::uint64_t offset
 }
 
 TEST_F(KQImageFilesReadTest, HostileRunListsReadAsThePlainModelTells) {
-  const std::uint64_t seed = std::random_device{}();
+  const std::uint64_t seed = kqtest::TestSeed();
   std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
   std::mt19937_64 random(seed);
   for (int round = 0; round < 60; ++round) {
@@ -416,7 +417,7 @@ TEST_F(KQImageFilesReadTest, HostileRunListsReadAsThePlainModelTells) {
 }
 
 TEST_F(KQImageFilesReadTest, RandomBytesInHeadsAndIndexGiveAStatus) {
-  const std::uint64_t seed = std::random_device{}();
+  const std::uint64_t seed = kqtest::TestSeed();
   std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
   std::mt19937_64 random(seed);
   testing::internal::CaptureStderr();  // bad lists are told there, line by line

@@ -1,5 +1,4 @@
 // Chains written and read through the exported functions alone, against a flat model of the volume.
-// The seed is printed, and KQ_TEST_SEED gives one.
 
 #include <gtest/gtest.h>
 
@@ -12,19 +11,9 @@
 #include "kqimageapi.h"
 #include "kqimageformat.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_seed.h"
 
 namespace {
-
-std::uint64_t Seed() {
-  static const std::uint64_t seed = [] {
-    const char* given = std::getenv("KQ_TEST_SEED");
-    const std::uint64_t value =
-        given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();
-    std::printf("seed %llu\n", static_cast<unsigned long long>(value));
-    return value;
-  }();
-  return seed;
-}
 
 class Campaign {
  public:
@@ -140,7 +129,7 @@ class ChainModel : public testing::TestWithParam<std::tuple<std::uint32_t, std::
 
 TEST_P(ChainModel, EveryByteReadsAsTheNewestWriterLeftIt) {
   const auto [compression, sectorSize] = GetParam();
-  Campaign campaign(compression, sectorSize, Seed() + compression * 10000 + sectorSize);
+  Campaign campaign(compression, sectorSize, kqtest::TestSeed());
   for (int image = 0; image < 6; ++image) {
     ASSERT_NO_FATAL_FAILURE(campaign.AddImage());
     ASSERT_NO_FATAL_FAILURE(campaign.Check(30));

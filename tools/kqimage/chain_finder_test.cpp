@@ -6,6 +6,7 @@
 #include <random>
 
 #include "kqimage/failure.h"
+#include "tests/support/test_seed.h"
 
 namespace kqimage {
 namespace {
@@ -42,7 +43,7 @@ TEST(AssembleChain, GoesFromBaseToNewestWhateverTheOrder) {
   std::vector<ImageFile> files = {File("a", 1, 0), File("b", 2, 1), File("c", 3, 2),
                                   File("d", 4, 3)};
   const ImageFile newest = files[3];
-  const unsigned seed = std::random_device{}();
+  const unsigned seed = kqtest::TestSeed();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
   for (int round = 0; round < 20; ++round) {
