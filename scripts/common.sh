@@ -9,7 +9,7 @@ build_packages=(
   cmake g++ ninja-build pkg-config uuid-dev
   libcli11-dev libfmt-dev nlohmann-json3-dev
   libgtest-dev libbenchmark-dev liblzo2-dev libssl-dev
-  e2fsprogs util-linux
+  e2fsprogs fdisk gdisk util-linux
 )
 check_packages=(clang clang-format clang-tidy)
 
@@ -17,7 +17,7 @@ check_packages=(clang clang-format clang-tidy)
 install_packages() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
       missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return
