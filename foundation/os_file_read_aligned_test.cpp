@@ -14,6 +14,7 @@
 #include "foundation/os_layer_test.h"
 #include "foundation/system_calls_test.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_seed.h"
 
 namespace {
 
@@ -179,7 +180,7 @@ TEST_F(OSFileReadAlignedTest, BounceBufferCoversWholeBlocks) {
 }
 
 TEST_F(OSFileReadAlignedTest, AnyRangeMatchesAPlainModel) {
-  const unsigned seed = std::random_device()();
+  const unsigned seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   for (const std::uint32_t blockSize : {128U, 512U, 4096U}) {

@@ -36,14 +36,24 @@ void Unlink(ChunkCacheEntry* entry) REQUIRES(chunkCacheMutex) {
   chunkCacheBytes -= entry->Chunk.Size;
 }
 
-void EvictAboveLimit() REQUIRES(chunkCacheMutex) {
+// Unlinks what is above the limit and moves it to a list that FreeAll empties behind the lock:
+// giving a chunk's memory back may take longer than all other list work.
+void EvictAboveLimit(ChunkOrder* evicted) REQUIRES(chunkCacheMutex) {
   ChunkCacheEntry* entry = chunkOrder.last();
   while (chunkCacheBytes > ChunkCacheMaxBytes && entry != nullptr) {
     ChunkCacheEntry* candidate = entry;
     entry = ChunkOrder::Previous(entry);
     if (candidate->refCount != 0) continue;
     Unlink(candidate);
-    Owned<ChunkCacheEntry>(candidate).reset();
+    evicted->PushBack(candidate);
+  }
+}
+
+void FreeAll(ChunkOrder* entries) {
+  while (!entries->empty()) {
+    ChunkCacheEntry* entry = entries->first();
+    entries->Remove(entry);
+    Owned<ChunkCacheEntry>(entry).reset();
   }
 }
 
@@ -57,30 +67,38 @@ ChunkCacheEntry* ChunkFind(const OpenImageFile* file, std::uint64_t fileOffset) 
 KQStatus ChunkInsert(const OpenImageFile* file, std::uint64_t fileOffset, ExpandedChunk chunk,
                      ChunkCacheEntry** entry) {
   *entry = nullptr;
-  const MutexLock lock(chunkCacheMutex);
-  // Another thread may have decoded the same chunk meanwhile; then its entry is used.
-  *entry = FindAndUse(file, fileOffset);
-  if (*entry != nullptr) return Success();
+  ChunkOrder evicted;
+  {
+    const MutexLock lock(chunkCacheMutex);
+    // Another thread may have decoded the same chunk meanwhile; then its entry is used.
+    *entry = FindAndUse(file, fileOffset);
+    if (*entry != nullptr) return Success();
 
-  Owned<ChunkCacheEntry> made = MakeOwned<ChunkCacheEntry>();
-  if (!made) return KQ_FAIL(kNotEnoughMemory);
-  ChunkCacheEntry* added = made.release();
-  added->Chunk = std::move(chunk);
-  added->File = file;
-  added->FileOffset = fileOffset;
-  added->refCount = 1;
-  chunkIndex.Add(HashOf(file, fileOffset), added);
-  chunkOrder.PushFront(added);
-  chunkCacheBytes += added->Chunk.Size;
-  EvictAboveLimit();
-  *entry = added;
+    Owned<ChunkCacheEntry> made = MakeOwned<ChunkCacheEntry>();
+    if (!made) return KQ_FAIL(kNotEnoughMemory);
+    ChunkCacheEntry* added = made.release();
+    added->Chunk = std::move(chunk);
+    added->File = file;
+    added->FileOffset = fileOffset;
+    added->refCount = 1;
+    chunkIndex.Add(HashOf(file, fileOffset), added);
+    chunkOrder.PushFront(added);
+    chunkCacheBytes += added->Chunk.Size;
+    EvictAboveLimit(&evicted);
+    *entry = added;
+  }
+  FreeAll(&evicted);
   return Success();
 }
 
 void ChunkPut(ChunkCacheEntry* entry) {
-  const MutexLock lock(chunkCacheMutex);
-  if (entry->refCount > 0) --entry->refCount;
-  EvictAboveLimit();
+  ChunkOrder evicted;
+  {
+    const MutexLock lock(chunkCacheMutex);
+    if (entry->refCount > 0) --entry->refCount;
+    EvictAboveLimit(&evicted);
+  }
+  FreeAll(&evicted);
 }
 
 void PurgeChunks(const OpenImageFile* file) {
@@ -96,11 +114,7 @@ void PurgeChunks(const OpenImageFile* file) {
       entry = next;
     }
   }
-  while (!purged.empty()) {
-    ChunkCacheEntry* entry = purged.first();
-    purged.Remove(entry);
-    Owned<ChunkCacheEntry>(entry).reset();
-  }
+  FreeAll(&purged);
 }
 
 void ResetChunkCache() {
