@@ -19,6 +19,11 @@ set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
 
 option(KQ_WERROR "Treat compiler warnings as errors" ON)
 set(KQ_SANITIZE "" CACHE STRING "Sanitizers for everything that is built, as -fsanitize takes them")
+if(KQ_SANITIZE)
+  # More would cost four times the compile time.
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1")
+  set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g1")
+endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -fstack-protector-strong)
 if(KQ_WERROR)
@@ -39,3 +44,7 @@ elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
 endif()
 
 add_link_options(LINKER:-z,relro LINKER:-z,now)
+
+# What test sources are compiled with beyond the rest: they are many and run briefly, so compiling them
+# is what costs.
+set(KQ_TEST_OPTIONS $<IF:$<BOOL:${KQ_SANITIZE}>,-O0,$<$<CONFIG:Release>:-O1>>)

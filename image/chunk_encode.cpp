@@ -2,9 +2,9 @@
 
 #include <cstring>
 
+#include "codec/all_zero.h"
 #include "codec/huffman_stage.h"
 #include "codec/lzo_block.h"
-#include "codec/all_zero.h"
 #include "foundation/little_endian.h"
 
 namespace kq {

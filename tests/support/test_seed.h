@@ -9,8 +9,8 @@
 
 namespace kqtest {
 
-// A new seed for each call, or the one that the environment variable KQ_TEST_SEED gives. Printed, so
-// that a failing run can be repeated.
+// A new seed for each call, or the one that the environment variable KQ_TEST_SEED gives. Printed,
+// so that a failing run can be repeated.
 inline std::uint32_t TestSeed() {
   const char* given = std::getenv("KQ_TEST_SEED");
   const auto seed = given != nullptr ? static_cast<std::uint32_t>(std::strtoul(given, nullptr, 0))
