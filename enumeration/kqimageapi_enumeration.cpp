@@ -16,7 +16,7 @@ using kq::EnumeratedFile;
 using kq::FileList;
 using kq::ImageFilesEnumeration;
 
-constexpr char kModule[] = "ImageFilesEnumer";
+constexpr char kModule[] = "kqimageapi";
 
 // Where and how a client wants a list.
 struct ListTarget {

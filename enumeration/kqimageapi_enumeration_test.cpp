@@ -24,7 +24,7 @@ void ExpectRefused(const KQStatus& status) {
   EXPECT_EQ(status.status, -87);
   EXPECT_EQ(status.detail1, 0u);
   EXPECT_EQ(status.detail2, 0u);
-  EXPECT_STREQ(status.file, kqtest::kModuleName);
+  EXPECT_STREQ(status.file, "kqimageapi");
 }
 
 TEST(KQImageFilesEnumerationCreate, GivesANewHandleEachTime) {
@@ -251,7 +251,7 @@ TEST_F(EnumerationInterfaceTest, PathToOldestParentIsNotSupported) {
   const KQStatus status = KQImageFilesEnumerationQueryPathToOldestParent(
       handle_, "/there/is/no/such/file", nullptr, 0, buffer, &size);
   EXPECT_EQ(status.status, -50);
-  EXPECT_STREQ(status.file, kqtest::kModuleName);
+  EXPECT_STREQ(status.file, "kqimageapi");
   EXPECT_EQ(size, 8u);
   EXPECT_STREQ(buffer, "#######");
   // The handle has been given back.

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr char kModule[] = "ImageFilesEnumer";
+constexpr char kModule[] = "kqimageapi";
 
 KQStatus NextFileName(const char* path, const char* tag, char* buffer, std::uint32_t* size) {
   if (path == nullptr || size == nullptr) return KQ_FAIL(kInvalidParameter);

@@ -2,7 +2,8 @@
  *
  * A full image (.twf) and its increments (.twi) form a chain that reads as one flat volume, the
  * newest file winning for each byte. The functions here open and read chains, create new image
- * files, tell what a file is, and check and repair headers.
+ * files, tell what a file is, check and repair headers, and catalogue the image files of
+ * directories.
  *
  * Common rules
  *
@@ -12,9 +13,9 @@
  *   comments are NUL-terminated UTF-8.
  * - All offsets, sizes and lengths are in bytes.
  * - The caller owns every buffer it passes; the library keeps no pointer to one after the call.
- * - A chain's handle is a number, never 0. All calls on one handle run one after the other, calls
- *   on different handles run in parallel, and a close waits for calls in progress. A new image's
- *   handle is different: it is not checked, and one thread at a time may use it.
+ * - The handle of a chain or an enumeration is a number, never 0. All calls on one handle run one
+ *   after the other, calls on different handles run in parallel, and a close waits for calls in
+ *   progress. A new image's handle is different: it is unchecked, and for one thread at a time.
  * - The library starts no thread and needs no initialisation. At load it reads the optional file
  *   "kqimageapi.conf" beside the library, with the cache limits in bytes
  *   "ChunkCache_MaxCachedBytes" (default 31457280) and "ChunkHeaderCache_MaxCachedBytes"
@@ -47,7 +48,7 @@ typedef struct KQStatus {
 #define KQ_STATUS_ACCESS_DENIED (-5)
 #define KQ_STATUS_NOT_ENOUGH_MEMORY (-8)
 #define KQ_STATUS_INVALID_DATA (-13)
-#define KQ_STATUS_NO_MORE_FILES (-18) /* the files given do not form a chain */
+#define KQ_STATUS_NO_MORE_FILES (-18) /* the files do not form a chain; nothing to list */
 #define KQ_STATUS_WRITE_PROTECT (-19)
 #define KQ_STATUS_CRC (-23) /* an input or output error */
 #define KQ_STATUS_GEN_FAILURE (-31)
@@ -155,8 +156,8 @@ KQ_API KQStatus KQImageFileGetInfo2(const char* path, ImageFileInfo2* info);
  * buffer given, the size needed is stored; -2 no sectors there, or no such file; -86 password
  * missing or wrong; -1392 no finished image file; -31 shorter than its header; -8 out of memory, or
  * a password that is no UTF-8; others as the operating system reports. */
-KQ_API KQStatus KQImageFileGetAllHeaderSectors(const char* path, const char* password,
-                                               void* buffer, uint32_t* size);
+KQ_API KQStatus KQImageFileGetAllHeaderSectors(const char* path, const char* password, void* buffer,
+                                               uint32_t* size);
 KQ_API KQStatus KQImageFileGetExtraSectors(const char* path, const char* password, void* buffer,
                                            uint32_t* size);
 
@@ -428,6 +429,185 @@ KQ_API KQStatus KQNewImageFileWrite(uint64_t handle, const void* data, uint32_t 
  * Statuses: as the operating system reports. On a failure the file stays unfinished, and the
  * object is not freed. */
 KQ_API KQStatus KQNewImageFileClose(uint64_t handle, const char* comment);
+
+/* Enumerations: catalogues of image files, in memory only.
+ *
+ * An enumeration knows the headers of the image files of the directories added to it, and answers
+ * which file depends on which. Its calls come in this order: create, then directories and queries
+ * in any mixture, then close. It only grows: a directory is read once, and what happens on the disk
+ * later is not noticed.
+ *
+ * Two files with one ImageId are two copies of one image, and both are in it. A file is the child
+ * of every file whose ImageId is its ParentImageId; a base has an all-zero ParentImageId. A split
+ * image is one file, its first; it is incomplete if a continuation part is missing or does not fit.
+ *
+ * A query's path is resolved on the disk first, symbolic links too, so it must exist, in a
+ * directory that has been added.
+ *
+ * Lists of files come as one text. In all queries that give one:
+ *
+ *   separator: what stands between two files; null stands for one blank. Names can hold any byte
+ *     but '/' and NUL, so "///" is a separator that no path holds; split at the leftmost.
+ *   flags: KQ_LIST_... bits; others are ignored.
+ *   buffer: receives the text with its NUL; null asks for the size alone.
+ *   size: the bytes in buffer. Stays as it is on success; receives the bytes needed with -234;
+ *     stays on every other failure. Each call makes its list anew.
+ *
+ * Statuses of all functions with a handle: -87 the handle 0 or unknown, or a pointer null that may
+ * not be; -8 out of memory, or a list beyond 4 GiB; -1064 an unexpected failure inside. Of all that
+ * give a list: -234 buffer null or size too small. Of all with a path: -2 no such file on the disk,
+ * its directory was not added, or the file is not in the enumeration; others as the operating
+ * system reports.
+ *
+ * Calls on one handle run one after the other, and a close waits for the running one, so any thread
+ * may make any call. */
+
+/* Each file with its directory. Otherwise only the first of the list has it. */
+#define KQ_LIST_FULL_PATHS 1u
+/* Behind each split image its continuation parts, those that were found. */
+#define KQ_LIST_WITH_PARTS 2u
+/* Without the double quotes around each file. Quotes are never escaped. */
+#define KQ_LIST_NO_QUOTES 4u
+/* Directories without a leading "\\?\". */
+#define KQ_LIST_PLAIN_PATHS 8u
+
+/* Makes an empty enumeration.
+ *
+ * handle: receives the handle, to be closed with KQImageFilesEnumerationClose.
+ * reserved1, reserved2: 0.
+ *
+ * Statuses: -87 handle null or a reserved argument not 0, then the handle is not touched; -8 out of
+ * memory. */
+KQ_API KQStatus KQImageFilesEnumerationCreate(uint64_t* handle, int32_t reserved1,
+                                              uint64_t reserved2);
+
+/* Frees an enumeration. Waits for a call that is running on it in another thread.
+ *
+ * Statuses: -87 handle 0 or unknown. */
+KQ_API KQStatus KQImageFilesEnumerationClose(uint64_t handle);
+
+/* Catalogues every image file of a directory, subdirectories left out: those named .twf or .twi, in
+ * any case, with their continuation parts. No password is needed. A file that is no sound image
+ * (unfinished, damaged, without a size, with a wrong checksum) is left out in silence.
+ *
+ * reserved1, reserved2: 0.
+ *
+ * A directory counts as added before its first entry is read: the next call for it, under any path,
+ * succeeds and reads nothing, also after a failure. Files read before a failure stay.
+ *
+ * Statuses: besides those of all, -87 path null or no directory, or a reserved argument not 0; -2
+ * no such directory, or a symbolic link in it leads nowhere; -1392 an entry's name is too long;
+ * others as the operating system reports. */
+KQ_API KQStatus KQImageFilesEnumerationAddDirectory(uint64_t handle, const char* path,
+                                                    int32_t reserved1, uint64_t reserved2);
+
+/* Lists the chain of an image, base first, the image last: the way upward with the fewest files.
+ * Of copies of an image the one that was catalogued first is taken.
+ *
+ * That there is a way is sure only of complete files; the way given can pass an incomplete copy
+ * that was catalogued before the complete one.
+ *
+ * Statuses: besides those of all, -18 no whole chain of complete files leads from a base of the
+ * image's set to it. */
+KQ_API KQStatus KQImageFilesEnumerationQueryShortestPathToBase(uint64_t handle, const char* path,
+                                                               const char* separator,
+                                                               uint32_t flags, char* buffer,
+                                                               uint32_t* size);
+
+/* Not implemented.
+ *
+ * Statuses: -87 as for all queries; otherwise -50. */
+KQ_API KQStatus KQImageFilesEnumerationQueryPathToOldestParent(uint64_t handle, const char* path,
+                                                               const char* separator,
+                                                               uint32_t flags, char* buffer,
+                                                               uint32_t* size);
+
+/* Tells whether any file names the image as its parent.
+ *
+ * answer: receives 1 or 0; stays on a failure.
+ *
+ * Statuses: those of all, answer included in the pointers. */
+KQ_API KQStatus KQImageFilesEnumerationQueryImageHasDescendants(uint64_t handle, const char* path,
+                                                                uint8_t* answer);
+
+/* Lists where the ways upward from an image end: a base, or a file none of whose parents is there
+ * and complete. The nearest come first; one that is reached by two ways is listed twice.
+ *
+ * Files that name each other as parents, in a ring, are visited once each time a way enters the
+ * ring.
+ *
+ * Statuses: besides those of all, -18 the file is incomplete, or all its ways end in a ring. */
+KQ_API KQStatus KQImageFilesEnumerationQueryRoots(uint64_t handle, const char* path,
+                                                  const char* separator, uint32_t flags,
+                                                  char* buffer, uint32_t* size);
+
+/* Lists an image and everything that descends from it, incomplete files too, each file before its
+ * children. What hangs below two copies of one image is listed twice. Rings as in
+ * KQImageFilesEnumerationQueryRoots.
+ *
+ * Statuses: those of all. */
+KQ_API KQStatus KQImageFilesEnumerationQueryAllPureDependents(uint64_t handle, const char* path,
+                                                              const char* separator, uint32_t flags,
+                                                              char* buffer, uint32_t* size);
+
+/* Lists the files without a whole chain of complete files up to a base: incomplete ones, those
+ * whose parent is not there, and all that hangs below such. In no order that a client may rely on.
+ *
+ * Statuses: besides those of all, -18 there is none. */
+KQ_API KQStatus KQImageFilesEnumerationQueryAllOrphans(uint64_t handle, const char* separator,
+                                                       uint32_t flags, char* buffer,
+                                                       uint32_t* size);
+
+/* Lists all other files, bases included: those from which a volume can be restored. Parents come
+ * before their children, and bases by name.
+ *
+ * Statuses: besides those of all, -18 there is none. */
+KQ_API KQStatus KQImageFilesEnumerationQueryAllFostered(uint64_t handle, const char* separator,
+                                                        uint32_t flags, char* buffer,
+                                                        uint32_t* size);
+
+/* Lists the files of one snapshot set, of those that KQImageFilesEnumerationQueryAllFostered lists
+ * and in its order.
+ *
+ * snapshotSetId: 16 bytes, as ImageFileInfo2 has them. Nothing belongs to the all-zero set.
+ *
+ * Statuses: besides those of all, -18 there is none. */
+KQ_API KQStatus KQImageFilesEnumerationQuerySnapshotSet(uint64_t handle,
+                                                        const uint8_t* snapshotSetId,
+                                                        const char* separator, uint32_t flags,
+                                                        char* buffer, uint32_t* size);
+
+/* Names of image files
+ *
+ * Names are a stem, numbered tags and an extension, as in host-b001.twf, its key file
+ * host-b001.twk, and its increments host-b001-i001.twi and host-b001-i002.twi; -m001 is an
+ * increment made of a mounted image. A tag counts where its digits are followed by a hyphen or a
+ * point. These functions take no handle; any thread may call them at any time.
+ *
+ * path: of an image file, which must exist; symbolic links are followed first. No header is read.
+ * buffer, size: as in the lists above, except where told. The result is a full path. */
+
+/* Gives the next free name in the series of an image: the "-i" ("-m") number counted up, or a new
+ * tag 001, until nothing but a directory or a block device has the name. Nothing is reserved: only
+ * creating the file decides who gets the name.
+ *
+ * size: receives the bytes needed on success as well.
+ *
+ * Statuses: -87 path or size null, or a name shorter than five characters or not ending in twf or
+ * twi; -234 buffer null or size too small; -2 no such file; -8 out of memory; others as the
+ * operating system reports. */
+KQ_API KQStatus KQImageGetNextAvailableImageFileName(const char* path, char* buffer,
+                                                     uint32_t* size);
+KQ_API KQStatus KQImageGetNextAvailableMountGeneratedImageFileName(const char* path, char* buffer,
+                                                                   uint32_t* size);
+
+/* Gives the path of the key file of an image's family: the image's name up to its first "-b" tag,
+ * and ".twk". Whether there is such a file is not looked at.
+ *
+ * Statuses: -87 path or size null; -1392 the name has no "-b" tag; -234 buffer null or size too
+ * small; -2 no such file; -8 out of memory; others as the operating system reports. */
+KQ_API KQStatus KQImageFilesEnumerationQueryImageKeyFileName(const char* path, char* buffer,
+                                                             uint32_t* size);
 
 #ifdef __cplusplus
 }
