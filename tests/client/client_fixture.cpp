@@ -30,9 +30,19 @@ Volume MakeVolume(std::size_t size, unsigned seed) {
   return volume;
 }
 
+std::vector<std::string> Joined(std::vector<std::string> first,
+                                const std::vector<std::string>& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
 std::string ClientTest::Put(const std::string& name, const Volume& volume) const {
   WriteFile(Path(name), volume);
   return Path(name);
+}
+
+void ClientTest::PutText(const std::string& name, const std::string& text) const {
+  Put(name, Volume(text.begin(), text.end()));
 }
 
 std::set<std::string> ClientTest::Names() const {
@@ -45,27 +55,22 @@ std::set<std::string> ClientTest::Names() const {
 
 void ClientTest::Create(const std::string& source, const std::string& image,
                         const std::vector<std::string>& options) const {
-  std::vector<std::string> arguments = {"create", source, image};
-  arguments.insert(arguments.end(), options.begin(), options.end());
-  const ClientResult result = RunClient(arguments);
+  const ClientResult result = RunClient(Joined({"create", source, image}, options));
   ASSERT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(result.err, "");
 }
 
 void ClientTest::Increment(const std::string& source, const std::string& image,
                            const std::string& out, const std::vector<std::string>& options) const {
-  std::vector<std::string> arguments = {"increment", source, image, out};
-  arguments.insert(arguments.end(), options.begin(), options.end());
-  const ClientResult result = RunClient(arguments);
+  const ClientResult result = RunClient(Joined({"increment", source, image, out}, options));
   ASSERT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(result.err, "");
 }
 
-Volume ClientTest::Restore(const std::vector<std::string>& files) const {
-  std::vector<std::string> arguments = {"restore"};
-  arguments.insert(arguments.end(), files.begin(), files.end());
-  arguments.insert(arguments.end(), {"--to", Path("restored")});
-  const ClientResult result = RunClient(arguments);
+Volume ClientTest::Restore(const std::vector<std::string>& files,
+                           const std::vector<std::string>& options) const {
+  const ClientResult result =
+      RunClient(Joined(Joined({"restore", "--to", Path("restored")}, files), options));
   EXPECT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(result.err, "");
   if (result.exitStatus != 0) return {};

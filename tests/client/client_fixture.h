@@ -23,12 +23,18 @@ Volume MakeVolume(std::size_t size, unsigned seed);
 // Bytes that no codec makes smaller, and without a zero block.
 Volume MakeNoise(std::size_t size, unsigned seed);
 
+// The arguments of both, in order.
+std::vector<std::string> Joined(std::vector<std::string> first,
+                                const std::vector<std::string>& second);
+
 class ClientTest : public testing::Test {
  protected:
   std::string Path(const std::string& name) const { return folder_.Path(name); }
 
   // Writes a volume that stands in the folder.
   std::string Put(const std::string& name, const Volume& volume) const;
+
+  void PutText(const std::string& name, const std::string& text) const;
 
   // The names in the folder.
   std::set<std::string> Names() const;
@@ -40,7 +46,8 @@ class ClientTest : public testing::Test {
                  const std::vector<std::string>& options = {}) const;
 
   // Restores from the files to a new file, which is removed, and returns its bytes.
-  Volume Restore(const std::vector<std::string>& files) const;
+  Volume Restore(const std::vector<std::string>& files,
+                 const std::vector<std::string>& options = {}) const;
 
   TempDir folder_;
 };

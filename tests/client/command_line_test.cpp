@@ -84,10 +84,11 @@ TEST_F(CommandLineTest, InfoTellsTheHeader) {
   const ClientResult result = RunClient({"info", Path("a.twf")});
   EXPECT_EQ(result.exitStatus, 0);
   for (const char* line :
-       {"Kind            full image\n", "Volume size     68.4 KiB (70000 bytes)\n",
-        "Sector size     512 bytes\n", "Compression     none\n", "Encryption      none\n",
-        "Part            1 (the last)\n", "Parent image    none\n",
-        "Comment         vor dem Umzug \u2014 gr\u00fcn\n", "+02:00\n"}) {
+       {"Kind              full image\n", "Volume size       68.4 KiB (70000 bytes)\n",
+        "Sector size       512 bytes\n", "Compression       none\n", "Encryption        none\n",
+        "Part              1 (the last)\n", "Parent image      none\n",
+        "Comment           vor dem Umzug \u2014 gr\u00fcn\n", "Header checksum   good\n",
+        "Extra checksum    none needed\n", "+02:00\n"}) {
     EXPECT_NE(result.out.find(line), std::string::npos) << line << result.out;
   }
 }

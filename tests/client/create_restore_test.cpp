@@ -280,16 +280,5 @@ TEST_F(RestoreTest, AChunkThatCantBeDecompressedFailsInsteadOfGivingZeros) {
   }
 }
 
-TEST_F(RestoreTest, AnEncipheredImageIsRefusedByName) {
-  Put("volume", MakeNoise(5000, 1));
-  Create(Path("volume"), Path("a.twf"));
-  Volume image = ReadFile(Path("a.twf"));
-  image[offsetof(ImageHeader, EncryptionType)] = KQ_ENCRYPTION_AES256;
-  WriteFile(Path("a.twf"), image);
-  const ClientResult result = RunClient({"restore", Path("a.twf"), "--to", Path("new")});
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_NE(result.err.find("is enciphered (aes-256)"), std::string::npos) << result.err;
-}
-
 }  // namespace
 }  // namespace kqtest

@@ -19,7 +19,11 @@ struct ClientOptions {
   std::uint64_t fileSizeLimit = 0;  // bytes that a file may have; 0: any number
   std::string timeZone = {};        // TZ of the program; empty: as it is
   std::string workFolder = {};      // empty: as it is
+  std::string standardInput = {};   // a file; empty: as it is
 };
+
+// All programs started here have a session of their own, and so no controlling terminal but one
+// that they are given.
 
 ClientResult RunClient(const std::vector<std::string>& arguments,
                        const ClientOptions& options = {});
@@ -34,6 +38,27 @@ ClientResult RunClientUntil(
 
 // Runs the program with a terminal as standard error; err is what the terminal got.
 ClientResult RunClientOnTerminal(const std::vector<std::string>& arguments);
+
+struct PromptResult {
+  ClientResult client;             // err is what the terminal showed
+  bool isEchoOffAtPrompts = true;  // at each prompt
+  bool isEchoOnAtTheEnd = false;
+};
+
+// Runs the program with a controlling terminal, which is its standard error and, if that is asked
+// for, its standard input. Each answer is typed when its prompt has appeared behind what was shown
+// before. With a signal, that comes instead of the last answer.
+struct Answer {
+  std::string prompt;
+  std::string text;  // with its line end
+};
+struct PromptOptions {
+  bool standardInputIsTerminal = false;
+  int signalAtTheLastPrompt = 0;  // 0: none
+};
+PromptResult RunClientAtPrompts(const std::vector<std::string>& arguments,
+                                const std::vector<Answer>& answers,
+                                const PromptOptions& options = {});
 
 }  // namespace kqtest
 

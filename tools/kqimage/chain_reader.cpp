@@ -21,10 +21,6 @@ constexpr std::size_t kMaxListedPath = 4095;  // the library cuts a path behind 
 constexpr std::uint32_t kSmallestReadableSector = 512;
 
 void RefuseUnreadable(const ImageFile& file) {
-  if (file.info.encryptionType != KQ_ENCRYPTION_NONE) {
-    throw Failure(fmt::format("{} is enciphered ({}), and kqimage can't be given a password yet",
-                              Printable(file.path), EncryptionText(file.info.encryptionType)));
-  }
   if (file.info.sectorSize < kSmallestReadableSector) {
     throw Failure(
         fmt::format("{} has sectors of {} bytes; below {} bytes its data can't be read "
@@ -35,13 +31,14 @@ void RefuseUnreadable(const ImageFile& file) {
 
 }  // namespace
 
-ChainReader::ChainReader(const Chain& chain)
+ChainReader::ChainReader(const Chain& chain, const char* password)
     : newestPath_(chain.back().path),
       volumeSize_(chain.back().info.sourceSize),
       probe_(kProbeBytes) {
   std::string list;
   for (const ImageFile& file : chain) {
     RefuseUnreadable(file);
+    if (file.info.encryptionType == KQ_ENCRYPTION_AES128_UNCHECKED) takesAnyPassword_ = true;
     if (!list.empty()) list += '|';
     if (file.path.find('|') == std::string::npos && file.path.size() <= kMaxListedPath) {
       list += file.path;
@@ -52,7 +49,7 @@ ChainReader::ChainReader(const Chain& chain)
     list += fmt::format("/proc/self/fd/{}", fd.Get());
     opened_.push_back(std::move(fd));
   }
-  Check(KQImageFilesOpen(list.c_str(), nullptr, 0, &handle_), "open the image", newestPath_);
+  Check(KQImageFilesOpen(list.c_str(), password, 0, &handle_), "open the image", newestPath_);
 }
 
 ChainReader::~ChainReader() { KQImageFilesClose(handle_, nullptr, nullptr, 0); }
@@ -61,8 +58,13 @@ void ChainReader::Read(std::uint64_t offset, std::span<std::byte> bytes) const {
   const KQStatus status = KQImageFilesRead(handle_, offset, bytes.data(),
                                            static_cast<std::uint32_t>(bytes.size()), nullptr);
   if (status.status == KQ_STATUS_SUCCESS) return;
-  throw Failure(fmt::format("cannot read the image {} at byte {} of the volume: {}",
-                            Printable(newestPath_), offset, StatusText(status)));
+  throw Failure(fmt::format("cannot read the image {} at byte {} of the volume: {}{}",
+                            Printable(newestPath_), offset, StatusText(status), PasswordDoubt()));
+}
+
+std::string ChainReader::PasswordDoubt() const {
+  if (!takesAnyPassword_) return {};
+  return "; the password may be wrong, which this image's encryption can't tell";
 }
 
 void ChainReader::ReadWhole(std::uint64_t offset, std::span<std::byte> bytes) {
@@ -80,8 +82,8 @@ void ChainReader::ReadWhole(std::uint64_t offset, std::span<std::byte> bytes) {
     if (!IsZero(probe)) {
       throw Failure(
           fmt::format("the image {} is damaged: a chunk at or behind byte {} of the "
-                      "volume can't be decompressed",
-                      Printable(newestPath_), offset));
+                      "volume can't be decompressed{}",
+                      Printable(newestPath_), offset, PasswordDoubt()));
     }
   }
 }

@@ -19,8 +19,10 @@ namespace kqimage {
 
 class ChainReader {
  public:
-  // Opens the chain. Throws a Failure if it can't be read.
-  explicit ChainReader(const Chain& chain);
+  // Opens the chain. Throws a Failure if it can't be read. The password, needed if one of the files
+  // is enciphered, must have been tried on each of them: the library takes a file that the process
+  // has open already with any.
+  explicit ChainReader(const Chain& chain, const char* password = nullptr);
   ~ChainReader();
   ChainReader(const ChainReader&) = delete;
   ChainReader& operator=(const ChainReader&) = delete;
@@ -36,9 +38,16 @@ class ChainReader {
   // The SourceSize of the newest image.
   std::uint64_t VolumeSize() const { return volumeSize_; }
 
+  // True if a wrong password would not have been noticed.
+  bool TakesAnyPassword() const { return takesAnyPassword_; }
+
  private:
+  // What to add to a message about damage.
+  std::string PasswordDoubt() const;
+
   std::string newestPath_;
   std::uint64_t volumeSize_ = 0;
+  bool takesAnyPassword_ = false;  // a file's encryption can't tell a wrong one
   std::uint64_t handle_ = 0;
   std::vector<UniqueFd> opened_;  // files whose path can't stand in the library's list
   std::vector<std::byte> probe_;

@@ -4,7 +4,9 @@
 #include <kqimageformat.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <span>
 
 #include "kqimage/block_compare.h"
 #include "kqimage/commands.h"
@@ -15,6 +17,7 @@
 #include "kqimage/interrupt.h"
 #include "kqimage/next_name.h"
 #include "kqimage/output_file.h"
+#include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/text.h"
 #include "kqimage/volume_source.h"
@@ -25,6 +28,11 @@ namespace {
 constexpr char kExamples[] = R"(Examples:
   kqimage create /dev/sdb1 /backup/data.twf
   kqimage create --compress lzo-huffman --comment "before the upgrade" disk.img disk.twf
+  kqimage create --encrypt aes256 /dev/sdb1 /backup/data.twf
+  kqimage create --encrypt aes256 --password-command "pass show backup" /dev/sdb1 data.twf
+
+A password is asked for on the terminal unless an option tells where it comes from. Without it
+nobody can read the image again.
 
 What reads as zero is not stored. A volume that is no whole number of sectors is filled up with
 zeros in the image; a restore gives back exactly its bytes.)";
@@ -38,8 +46,18 @@ struct CreateOptions {
   std::string source;
   std::string image;
   std::uint32_t sectorSize = kDefaultSectorSize;
+  std::uint32_t encryption = KQ_ENCRYPTION_NONE;
+  PasswordOptions password;
   ImageOptions common;
 };
+
+using TypeNames = std::map<std::string, std::uint32_t>;
+
+const TypeNames kEncryptions = {{"aes128", KQ_ENCRYPTION_AES128}, {"aes256", KQ_ENCRYPTION_AES256}};
+
+// For readers that know nothing better.
+const TypeNames kLegacyEncryptions = {{"aes128-unchecked", KQ_ENCRYPTION_AES128_UNCHECKED},
+                                      {"rc4", KQ_ENCRYPTION_RC4}};
 
 std::string CheckSectorSize(const std::string& text) {
   for (const char* known : {"512", "1024", "2048", "4096"}) {
@@ -47,6 +65,27 @@ std::string CheckSectorSize(const std::string& text) {
   }
   if (text == "256") return "sectors of 256 bytes can be written but not read back";
   return fmt::format("{} is none of 512, 1024, 2048, 4096", Printable(text));
+}
+
+CLI::Option* AddEncryptionOption(CLI::App& command, CreateOptions& options, const char* name,
+                                 const TypeNames& types, const char* help) {
+  return command
+      .add_option_function<std::string>(
+          name,
+          [&options, &types](const std::string& type) { options.encryption = types.at(type); },
+          help)
+      ->check([&types](const std::string& type) -> std::string {
+        if (types.contains(type)) return {};
+        return fmt::format("\"{}\" is neither {} nor {}", Printable(type), types.begin()->first,
+                           types.rbegin()->first);
+      })
+      ->type_name("TYPE");
+}
+
+// A password that is given shows that the image is meant to be enciphered.
+void RefuseUselessPassword(const CreateOptions& options) {
+  if (options.encryption != KQ_ENCRYPTION_NONE || !options.password.IsGiven()) return;
+  throw UsageFailure("a password enciphers nothing without --encrypt");
 }
 
 void StoreVolume(const VolumeSource& source, ImageWriter& writer, Progress& progress) {
@@ -71,17 +110,25 @@ void Create(const CreateOptions& options) {
     throw UsageFailure(
         fmt::format("{}: the name of a full image ends in .twf", Printable(options.image)));
   }
+  RefuseUselessPassword(options);
+  RefuseSharedInput(options.password, std::span(&options.source, 1));
+  const HeaderTemplate header =
+      MakeBaseTemplate(options.sectorSize, options.common.compression.value_or(KQ_COMPRESSION_LZO),
+                       options.encryption);
+  CheckCommentFits(header, options.common.comment);
   const VolumeSource source(options.source);
   if (IdentityOf(options.source) == IdentityOf(options.image)) {
     throw Failure(fmt::format("{} is the volume itself", Printable(options.image)));
+  }
+  Password password;
+  if (options.encryption != KQ_ENCRYPTION_NONE) {
+    ObtainPassword(options.password, "the new image " + options.image, Asking::kTwice, password);
   }
   OutputFile output(
       options.image,
       options.common.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
       OutputFile::Growth::kUnderFinalName);
-  const HeaderTemplate header =
-      MakeBaseTemplate(options.sectorSize, options.common.compression.value_or(KQ_COMPRESSION_LZO));
-  ImageWriter writer(output.WritePath(), options.image, header, source.Size());
+  ImageWriter writer(output.WritePath(), options.image, header, source.Size(), password.CString());
   double seconds = 0;
   {
     Progress progress("Imaging", source.Size(), options.common.quiet);
@@ -113,6 +160,15 @@ void AddCreateCommand(CLI::App& app, Run& run) {
                    "512, 1024, 2048 or 4096 bytes; 512 without this option")
       ->check(CheckSectorSize)
       ->type_name("BYTES");
+  CLI::Option* encrypt =
+      AddEncryptionOption(*command, *options, "--encrypt", kEncryptions,
+                          "Encipher the image under a password: aes128 or aes256");
+  AddEncryptionOption(
+      *command, *options, "--encrypt-legacy", kLegacyEncryptions,
+      "Encipher weakly, for old readers: aes128-unchecked can't notice a wrong password, rc4 XORs "
+      "all data with one and the same keystream")
+      ->excludes(encrypt);
+  AddPasswordOptions(*command, options->password);
   AddImageOptions(*command, options->common, "lzo without this option");
   command->footer(kExamples);
   command->callback([options, &run] { run = [options] { Create(*options); }; });

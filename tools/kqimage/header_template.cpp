@@ -40,6 +40,21 @@ void ReadExactly(const UniqueFd& file, std::span<std::byte> bytes, const std::st
   }
 }
 
+// The bytes of key material that an image keeps in its first sector.
+std::size_t KeyBlobBytes(std::uint32_t encryptionType) {
+  switch (encryptionType) {
+    case KQ_ENCRYPTION_AES128_UNCHECKED:
+      return 16;
+    case KQ_ENCRYPTION_AES128:
+    case KQ_ENCRYPTION_RC4:
+      return 48;
+    case KQ_ENCRYPTION_AES256:
+      return 64;
+    default:
+      return 0;
+  }
+}
+
 // Gives the header an empty ExtendedRecord, and no comment, if it has none: only with a record does
 // a new image carry checksums of its header.
 void EnsureExtendedRecord(HeaderTemplate& made, ImageHeader header) {
@@ -53,12 +68,14 @@ void EnsureExtendedRecord(HeaderTemplate& made, ImageHeader header) {
 
 }  // namespace
 
-HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType) {
+HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType,
+                                std::uint32_t encryptionType) {
   ImageHeader header = {};
   std::memcpy(header.Magic, KQ_MAGIC_FINISHED, sizeof header.Magic);
   header.SectorSize = sectorSize;
   header.HeaderSectors = 1;
   header.CompressionType = compressionType;
+  header.EncryptionType = encryptionType;
   FillRandomId(header.ImageSetId);
   // ImageId stays zero: it becomes the new image's ParentImageId, which makes it a base.
   HeaderTemplate made = {.bytes = std::vector<std::byte>(sectorSize), .sectorSize = sectorSize};
@@ -83,6 +100,22 @@ HeaderTemplate MakeIncrementTemplate(const ImageFile& parent, std::uint32_t comp
   std::memcpy(made.bytes.data(), &header, sizeof header);
   EnsureExtendedRecord(made, header);
   return made;
+}
+
+void CheckCommentFits(const HeaderTemplate& header, const std::string& comment) {
+  constexpr std::size_t kUnitBytes = sizeof(std::uint16_t);
+  ImageHeader fields = {};
+  std::memcpy(&fields, header.bytes.data(), sizeof fields);
+  const std::size_t taken = sizeof fields + KeyBlobBytes(fields.EncryptionType) + kUnitBytes +
+                            sizeof(ExtendedRecord);  // the unit is the comment's NUL
+  const std::size_t room =
+      taken < header.sectorSize ? (header.sectorSize - taken) / kUnitBytes : std::size_t{0};
+  const std::size_t units = Utf16Units(comment).value_or(0);
+  if (units <= room) return;
+  throw UsageFailure(
+      fmt::format("the comment has {} characters, {} more than fit beside the key in the first "
+                  "{} bytes of the image",
+                  units, units - room, header.sectorSize));
 }
 
 }  // namespace kqimage

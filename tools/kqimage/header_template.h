@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "kqimage/image_file.h"
@@ -16,10 +17,17 @@ struct HeaderTemplate {
 };
 
 // For the base image of a new set, with an identifier of its own for the set.
-HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType);
+HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType,
+                                std::uint32_t encryptionType);
 
-// For an increment on the parent: its header with all it says of the imaged disk.
+// For an increment on the parent: its header with all it says of the imaged disk. Of an enciphered
+// parent it has the further sectors as they lie in the file, and the KeyBlob with which the library
+// deciphers them; the new image gets a key of its own.
 HeaderTemplate MakeIncrementTemplate(const ImageFile& parent, std::uint32_t compressionType);
+
+// Throws a UsageFailure if the comment does not fit in the new image's first sector, which it
+// shares with the key and the checksums.
+void CheckCommentFits(const HeaderTemplate& header, const std::string& comment);
 
 }  // namespace kqimage
 

@@ -22,11 +22,12 @@ std::vector<std::uint64_t>& GivenUp() {
 }  // namespace
 
 ImageWriter::ImageWriter(const std::string& path, const std::string& name,
-                         const HeaderTemplate& header, std::uint64_t volumeSize)
-    : path_(path), name_(name), sectorSize_(header.sectorSize) {
+                         const HeaderTemplate& header, std::uint64_t volumeSize,
+                         const char* password)
+    : path_(path), name_(name), password_(password), sectorSize_(header.sectorSize) {
   GivenUp().reserve(GivenUp().size() + 1);
   Check(KQNewImageFileCreate2(header.bytes.data(), static_cast<std::uint32_t>(header.bytes.size()),
-                              nullptr, path.c_str(), &volumeSize, nullptr, nullptr, nullptr,
+                              password, path.c_str(), &volumeSize, nullptr, nullptr, nullptr,
                               &handle_),
         "create the image", name);
 }
@@ -59,7 +60,7 @@ void ImageWriter::Finish(const std::string& comment, const Chain& parents) {
   handle_ = 0;
   Chain chain = parents;
   chain.push_back(ReadImageFile(path_));
-  tail_.Verify(ChainReader(chain), name_);
+  tail_.Verify(ChainReader(chain, password_), name_);
 }
 
 }  // namespace kqimage

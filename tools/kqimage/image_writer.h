@@ -18,9 +18,10 @@ namespace kqimage {
 
 class ImageWriter {
  public:
-  // path exists and is overwritten; name is what messages call it.
+  // path exists and is overwritten; name is what messages call it. The password is needed if the
+  // header is that of an enciphered image, and stays the caller's until Finish has returned.
   ImageWriter(const std::string& path, const std::string& name, const HeaderTemplate& header,
-              std::uint64_t volumeSize);
+              std::uint64_t volumeSize, const char* password);
   ~ImageWriter();
   ImageWriter(const ImageWriter&) = delete;
   ImageWriter& operator=(const ImageWriter&) = delete;
@@ -40,6 +41,7 @@ class ImageWriter {
  private:
   std::string path_;
   std::string name_;
+  const char* password_;
   std::uint32_t sectorSize_;
   std::uint64_t handle_ = 0;
   std::uint64_t storedBytes_ = 0;

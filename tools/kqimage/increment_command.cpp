@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <span>
 
 #include "kqimage/block_compare.h"
 #include "kqimage/chain_finder.h"
@@ -18,6 +19,7 @@
 #include "kqimage/interrupt.h"
 #include "kqimage/next_name.h"
 #include "kqimage/output_file.h"
+#include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/text.h"
 #include "kqimage/volume_pieces.h"
@@ -30,15 +32,18 @@ constexpr char kExamples[] = R"(Examples:
   kqimage increment /dev/sdb1 /backup/data.twf
   kqimage increment /dev/sdb1 /backup/data-i001.twi /backup/tuesday.twi
   kqimage increment disk.img b.twi c.twi --chain /elsewhere/a.twf
+  kqimage increment --password-file /root/backup-key /dev/sdb1 /backup/secret.twf
 
 The images that IMAGE builds on are found in its folder by what their headers say, whatever their
-names are. If nothing has changed, no file is made.)";
+names are. If nothing has changed, no file is made. An increment on an enciphered image is enciphered
+in the same way, under the same password.)";
 
 struct IncrementOptions {
   std::string source;
   std::string image;
   std::string out;
   std::vector<std::string> chain;
+  PasswordOptions password;
   ImageOptions common;
 };
 
@@ -67,6 +72,14 @@ void RefuseOwnInput(const std::string& out, const std::string& source, const Cha
           fmt::format("{} belongs to the chain that the new image is to build on", Printable(out)));
     }
   }
+}
+
+// A password that is given shows that the new image is believed to become an enciphered one.
+void RefuseUselessPassword(const IncrementOptions& options, const Chain& chain) {
+  if (!options.password.IsGiven() || FirstEnciphered(chain) != nullptr) return;
+  throw UsageFailure(
+      fmt::format("{} is not enciphered, and so its increment would not be: leave out the password",
+                  Printable(options.image)));
 }
 
 void StoreDifferences(const VolumeSource& source, const ChainReader& chain, ImageWriter& writer,
@@ -110,15 +123,20 @@ void Increment(const IncrementOptions& options) {
   const VolumeSource source(options.source);
   const Chain chain = ResolveChain(options);
   RefuseOwnInput(out, options.source, chain);
-  const ChainReader reader(chain);
+  RefuseUselessPassword(options, chain);
+  RefuseSharedInput(options.password, std::span(&options.source, 1));
   const ImageFile& parent = chain.back();
+  const HeaderTemplate header = MakeIncrementTemplate(
+      parent, options.common.compression.value_or(parent.info.compressionType));
+  CheckCommentFits(header, options.common.comment);
+  Password password;
+  ObtainChainPassword(options.password, chain, password);
+  const ChainReader reader(chain, password.CString());
 
   OutputFile output(
       out, options.common.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
       OutputFile::Growth::kUnderFinalName);
-  const HeaderTemplate header = MakeIncrementTemplate(
-      parent, options.common.compression.value_or(parent.info.compressionType));
-  ImageWriter writer(output.WritePath(), out, header, source.Size());
+  ImageWriter writer(output.WritePath(), out, header, source.Size(), password.CString());
   double seconds = 0;
   {
     Progress progress("Comparing", source.Size(), options.common.quiet);
@@ -134,6 +152,7 @@ void Increment(const IncrementOptions& options) {
     seconds = progress.SecondsSoFar();
   }
   if (options.common.quiet) return;
+  if (reader.TakesAnyPassword()) PrintPasswordDoubt();
   if (writer.StoredBytes() == 0) {
     fmt::print("{} has not changed since {}: no image made\n", Printable(options.source),
                Printable(options.image));
@@ -164,6 +183,7 @@ void AddIncrementCommand(CLI::App& app, Run& run) {
                    "searched")
       ->allow_extra_args(false)
       ->type_name("FILE");
+  AddPasswordOptions(*command, options->password);
   AddImageOptions(*command, options->common, "IMAGE's own without this option");
   command->footer(kExamples);
   command->callback([options, &run] { run = [options] { Increment(*options); }; });

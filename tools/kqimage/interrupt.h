@@ -7,6 +7,9 @@
 #define KQIMAGE_INTERRUPT_H
 
 #include <signal.h>
+#include <sys/types.h>
+
+#include <span>
 
 namespace kqimage {
 
@@ -17,6 +20,10 @@ void CatchInterrupts();
 
 // Throws Interrupted if one of the signals has come.
 void ThrowIfInterrupted();
+
+// As read(2), for input that may keep the command waiting. Throws Interrupted if one of the signals
+// has come or comes meanwhile; there is no moment at which one would be missed.
+ssize_t ReadInterruptibly(int fd, std::span<char> bytes);
 
 // Blocks every signal in the calling thread while it lives. A thread that is started meanwhile
 // keeps them blocked, so that signals reach the main thread alone.

@@ -11,6 +11,7 @@
 #include "kqimage/file_identity.h"
 #include "kqimage/image_options.h"
 #include "kqimage/interrupt.h"
+#include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/text.h"
 #include "kqimage/volume_pieces.h"
@@ -23,6 +24,7 @@ constexpr char kExamples[] = R"(Examples:
   kqimage restore /backup/data-i003.twi --to disk.img
   kqimage restore /backup/data.twf --to /dev/sdb1 --force
   kqimage restore a.twf /elsewhere/b.twi --to disk.img
+  kqimage restore --password-file /root/backup-key /backup/secret-i001.twi --to disk.img
 
 One FILE alone is the image to go back to, and those it builds on are found in its folder. Several
 FILEs are taken as they are and must be the whole chain, in any order.)";
@@ -30,6 +32,7 @@ FILEs are taken as they are and must be the whole chain, in any order.)";
 struct RestoreOptions {
   std::vector<std::string> files;
   std::string target;
+  PasswordOptions password;
   bool force = false;
   bool quiet = false;
 };
@@ -59,7 +62,9 @@ void Restore(const RestoreOptions& options) {
           fmt::format("{} is one of the images to restore from", Printable(options.target)));
     }
   }
-  ChainReader reader(chain);
+  Password password;
+  ObtainChainPassword(options.password, chain, password);
+  ChainReader reader(chain, password.CString());
   if (reader.VolumeSize() == 0) {
     throw Failure(fmt::format("{} does not say how large its volume is", Printable(newest)));
   }
@@ -82,6 +87,7 @@ void Restore(const RestoreOptions& options) {
   if (options.quiet) return;
   fmt::print("{}: {} restored from {}, {:.1f} s\n", Printable(options.target),
              ExactSizeText(reader.VolumeSize()), Printable(newest), seconds);
+  if (reader.TakesAnyPassword()) PrintPasswordDoubt();
 }
 
 }  // namespace
@@ -97,6 +103,7 @@ void AddRestoreCommand(CLI::App& app, Run& run) {
       ->required()
       ->type_name("TARGET");
   command->add_flag("--force", options->force, "Replace an existing file, or overwrite a device");
+  AddPasswordOptions(*command, options->password);
   AddQuietOption(*command, options->quiet);
   command->footer(kExamples);
   command->callback([options, &run] { run = [options] { Restore(*options); }; });

@@ -30,7 +30,7 @@ class TailCheckTest : public testing::Test {
     std::string pattern = (std::filesystem::temp_directory_path() / "kqimage-XXXXXX").string();
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     folder_ = pattern;
-    const HeaderTemplate header = MakeBaseTemplate(512, KQ_COMPRESSION_NONE);
+    const HeaderTemplate header = MakeBaseTemplate(512, KQ_COMPRESSION_NONE, KQ_ENCRYPTION_NONE);
     ASSERT_EQ(KQNewImageFileCreate2(header.bytes.data(), 512, nullptr, Path().c_str(), nullptr,
                                     nullptr, nullptr, nullptr, &handle_)
                   .status,

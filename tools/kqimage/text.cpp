@@ -118,6 +118,12 @@ std::string GuidText(const std::uint8_t (&id)[16]) {
   return text;
 }
 
+std::string HexText(std::span<const std::uint8_t> bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
+  return text;
+}
+
 std::string TimeText(const ImageFileInfo& info, TimeDetail detail) {
   // A u64 of ticks is below 2^41 seconds, so everything below fits in signed 64 bits.
   const std::int64_t seconds = static_cast<std::int64_t>(info.creationTime / kTicksPerSecond);
@@ -155,13 +161,13 @@ std::string EncryptionText(std::uint32_t type) {
     case KQ_ENCRYPTION_NONE:
       return "none";
     case KQ_ENCRYPTION_AES128_UNCHECKED:
-      return "aes-128-unchecked";
+      return "aes128-unchecked";
     case KQ_ENCRYPTION_AES128:
-      return "aes-128";
+      return "aes128";
     case KQ_ENCRYPTION_RC4:
       return "rc4";
     case KQ_ENCRYPTION_AES256:
-      return "aes-256";
+      return "aes256";
     default:
       return fmt::format("unknown type {}", type);
   }

@@ -25,10 +25,14 @@ std::string DurationText(std::uint64_t seconds);
 // An identifier in the usual notation of a GUID, whose first three groups are stored reversed.
 std::string GuidText(const std::uint8_t (&id)[16]);
 
+// Bytes as hexadecimal digits, two each.
+std::string HexText(std::span<const std::uint8_t> bytes);
+
 // The creation time as ISO 8601 with its zone, to the second or to the full 100 ns.
 enum class TimeDetail { kSeconds, kFull };
 std::string TimeText(const ImageFileInfo& info, TimeDetail detail);
 
+// The names that the options of create have, where there is one.
 std::string CompressionText(std::uint32_t type);
 std::string EncryptionText(std::uint32_t type);
 

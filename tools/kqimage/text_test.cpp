@@ -34,6 +34,10 @@ TEST(GuidText, ReversesTheFirstThreeGroups) {
   EXPECT_EQ(GuidText(id), "6ba7b810-9dad-11d1-80b4-00c04fd430c8");
 }
 
+TEST(HexText, WritesTwoDigitsForEachByte) {
+  EXPECT_EQ(HexText(std::array<std::uint8_t, 3>{0x00, 0x0a, 0xff}), "000aff");
+}
+
 ImageFileInfo InfoWithTime(std::uint64_t ticks, std::int32_t zone, std::int32_t daylight) {
   ImageFileInfo info = {};
   info.creationTime = ticks;
