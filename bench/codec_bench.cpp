@@ -214,7 +214,7 @@ void AllZero(benchmark::State& state) {
   for (auto iteration : state) {
     benchmark::DoNotOptimize(kq::IsAllZero(zeros.data(), kChunkBytes));
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * kChunkBytes);
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kChunkBytes));
 }
 
 // An index of chunks whose stored size and place vary, as a reader meets it at open.
@@ -235,7 +235,7 @@ void ReadRunList(benchmark::State& state) {
     std::uint32_t length = 0;
     while (kq::NextRun(&reader, &offset, &length)) benchmark::DoNotOptimize(length);
   }
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kRuns));
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRuns));
 }
 
 BENCHMARK_CAPTURE(LzoCompress, AgainstLzo1x_1_15, lzo1x_1_15_compress, LZO1X_1_15_MEM_COMPRESS)

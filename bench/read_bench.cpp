@@ -100,7 +100,7 @@ void SequentialRead(benchmark::State& state) {
   for (auto step : state) {
     for (std::uint64_t at = 0; at < kSequentialBytes; at += kMebibyte) chain.Read(at, &buffer);
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kSequentialBytes));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kSequentialBytes));
 }
 BENCHMARK(SequentialRead)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -113,7 +113,7 @@ void SequentialPread(benchmark::State& state) {
     }
   }
   close(file);
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kSequentialBytes));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kSequentialBytes));
 }
 BENCHMARK(SequentialPread)->Unit(benchmark::kMillisecond)->UseRealTime();
 
