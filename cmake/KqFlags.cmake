@@ -47,4 +47,8 @@ add_link_options(LINKER:-z,relro LINKER:-z,now)
 
 # What test sources are compiled with beyond the rest: they are many and run briefly, so compiling them
 # is what costs.
-set(KQ_TEST_OPTIONS $<IF:$<BOOL:${KQ_SANITIZE}>,-O0,$<$<CONFIG:Release>:-O1>>)
+if(KQ_SANITIZE)
+  set(KQ_TEST_OPTIONS -O0)
+else()
+  set(KQ_TEST_OPTIONS $<$<CONFIG:Release>:-O1>)
+endif()
