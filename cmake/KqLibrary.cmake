@@ -9,11 +9,11 @@ target_include_directories(kqimageapi PRIVATE ${PROJECT_SOURCE_DIR}
   PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_compile_options(kqimageapi PRIVATE -fno-exceptions)
 target_link_libraries(kqimageapi PRIVATE
-  $<LINK_LIBRARY:WHOLE_ARCHIVE,kq_enumeration,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation>
+  $<LINK_LIBRARY:WHOLE_ARCHIVE,kq_enumeration,kq_sparse,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation>
   PkgConfig::UUID)
 # The rooms link each other as well, and each must come in whole only once.
 set_property(TARGET kqimageapi PROPERTY LINK_LIBRARY_OVERRIDE
-  WHOLE_ARCHIVE,kq_enumeration,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation)
+  WHOLE_ARCHIVE,kq_enumeration,kq_sparse,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation)
 # The library's calls to its own exported functions stay inside it, also in a process that has a second
 # copy of it loaded.
 target_link_options(kqimageapi PRIVATE LINKER:-Bsymbolic
@@ -24,7 +24,8 @@ endif()
 
 install(TARGETS kqimageapi EXPORT kqimageapiTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/kqimageapi.h include/kqimageformat.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/kqimageapi.h include/kqimageformat.h include/kqsparseformat.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT kqimageapiTargets NAMESPACE kqimageapi:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kqimageapi)
 
 include(CMakePackageConfigHelpers)

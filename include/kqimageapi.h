@@ -2,8 +2,8 @@
  *
  * A full image (.twf) and its increments (.twi) form a chain that reads as one flat volume, the
  * newest file winning for each byte. The functions here open and read chains, create new image
- * files, tell what a file is, check and repair headers, and catalogue the image files of
- * directories.
+ * files, tell what a file is, check and repair headers, keep writes to a chain in a sparse file,
+ * and catalogue the image files of directories.
  *
  * Common rules
  *
@@ -13,9 +13,10 @@
  *   comments are NUL-terminated UTF-8.
  * - All offsets, sizes and lengths are in bytes.
  * - The caller owns every buffer it passes; the library keeps no pointer to one after the call.
- * - The handle of a chain or an enumeration is a number, never 0. All calls on one handle run one
- *   after the other, calls on different handles run in parallel, and a close waits for calls in
- *   progress. A new image's handle is different: it is unchecked, and for one thread at a time.
+ * - The handle of a chain, a sparse file or an enumeration is a number, never 0. All calls on one
+ *   handle run one after the other, calls on different handles run in parallel, and a close waits
+ *   for calls in progress. A handle must be of the kind that the function is for: that is not
+ *   checked. A new image's handle is different: it is unchecked, and for one thread at a time.
  * - The library starts no thread and needs no initialisation. At load it reads the optional file
  *   "kqimageapi.conf" beside the library, with the cache limits in bytes
  *   "ChunkCache_MaxCachedBytes" (default 31457280) and "ChunkHeaderCache_MaxCachedBytes"
@@ -373,6 +374,15 @@ KQ_API KQStatus KQImageFilesOpen(const char* files, const char* password, uint64
 KQ_API KQStatus KQImageFilesRead(uint64_t handle, uint64_t offset, void* buffer, uint32_t length,
                                  uint32_t* bytesRead);
 
+/* Writes size bytes of the volume at offset into the sparse file that the chain was opened with, on
+ * top of the chain. The chain's files stay as they are.
+ *
+ * bytesWritten: receives size on success and 0 on a failure; may be null.
+ *
+ * Statuses: -19 the chain has no sparse file; others as KQSparseFileWrite. */
+KQ_API KQStatus KQImageFilesWrite(uint64_t handle, uint64_t offset, const void* buffer,
+                                  uint32_t size, uint32_t* bytesWritten);
+
 /* Closes a chain. The handle is gone when the call returns, whatever the status; a call that is
  * running on it in another thread completes first.
  *
@@ -429,6 +439,84 @@ KQ_API KQStatus KQNewImageFileWrite(uint64_t handle, const void* data, uint32_t 
  * Statuses: as the operating system reports. On a failure the file stays unfinished, and the
  * object is not freed. */
 KQ_API KQStatus KQNewImageFileClose(uint64_t handle, const char* comment);
+
+/* Sparse files: byte ranges of a volume at their volume offsets, in one file that can be read and
+ * rewritten in place. docs/sparse-format.md describes the file.
+ *
+ * Given to KQImageFilesOpen, a sparse file takes what is written onto the chain, and reads of the
+ * chain see it.
+ *
+ * Data is in the file when a write returns; the tree that finds it is complete on the disk only
+ * after KQSparseFileClose. A file that was not closed, after a crash for one, may say so in its
+ * header block and is then refused by every open. Nothing is flushed to the medium.
+ *
+ * A read or write that fails is tried again, up to 100 times in all, and a line on the standard
+ * error stream tells the number of attempts if it was more than one.
+ *
+ * Statuses of all functions with a handle: -87 the handle unknown; -1064 a lock failed. */
+
+/* KQSparseFileOpen2, mode. */
+#define KQ_SPARSE_CREATE_NEW 1    /* fails if the file exists */
+#define KQ_SPARSE_CREATE_ALWAYS 2 /* truncates a file that exists */
+#define KQ_SPARSE_OPEN_EXISTING 3
+#define KQ_SPARSE_OPEN_ALWAYS 4 /* creates the file if it doesn't exist */
+
+/* Opens or creates a sparse file.
+ *
+ * mode: KQ_SPARSE_...; a new file gets the permissions 0644.
+ * readOnly: not 0: for reading only. Counts with KQ_SPARSE_OPEN_EXISTING alone.
+ * cacheNodes: how many nodes of the tree, of 8192 bytes each, stay in memory; 0 means 1. It changes
+ *   speed, never the result.
+ * handle: receives the handle, to be closed with KQSparseFileClose, or given to KQImageFilesOpen.
+ *
+ * Statuses: -87 path or handle null, or no such mode; -80 the file exists (KQ_SPARSE_CREATE_NEW);
+ * -1392 no sparse file, or one that was not closed; -8 out of memory; others as the operating
+ * system reports. On a failure a file that was created is removed again; if no handle could be
+ * made, one that KQ_SPARSE_CREATE_ALWAYS or KQ_SPARSE_OPEN_ALWAYS found there is removed too. */
+KQ_API KQStatus KQSparseFileOpen2(const char* path, int32_t mode, uint8_t readOnly,
+                                  uint16_t cacheNodes, uint64_t* handle);
+
+/* The same with KQ_SPARSE_OPEN_EXISTING if openExisting is not 0, else KQ_SPARSE_CREATE_ALWAYS. */
+KQ_API KQStatus KQSparseFileOpen(const char* path, uint8_t openExisting, uint8_t readOnly,
+                                 uint16_t cacheNodes, uint64_t* handle);
+
+/* Reads what the file holds of the size bytes at offset into the same places of buffer. Bytes that
+ * the file doesn't hold stay in buffer as they are.
+ *
+ * Offsets count as signed 64-bit numbers.
+ * bytesRead: receives size on success, whatever was held, and 0 on a failure; may be null. On a
+ *   failure a part of buffer may have been written.
+ *
+ * Statuses: -87 size 0, buffer null, or handle 0 or unknown; -1392 the tree is damaged; -8 out of
+ * memory; others as the operating system reports. */
+KQ_API KQStatus KQSparseFileRead(uint64_t handle, uint64_t offset, void* buffer, uint32_t size,
+                                 uint32_t* bytesRead);
+
+/* Writes size bytes at offset: over what the file holds of the range, and the rest as new extents.
+ *
+ * bytesWritten: receives size on success and 0 on a failure; may be null. On a failure a part of
+ *   the range may have been written.
+ *
+ * Statuses: -87 size 0, buffer null, handle 0 or unknown, or a range beyond offset 2^63 - 1; -19
+ * the file was opened for reading only; -1392 the tree is damaged, or the file's size is no
+ * multiple of 4096; -8 out of memory; others as the operating system reports. */
+KQ_API KQStatus KQSparseFileWrite(uint64_t handle, uint64_t offset, const void* buffer,
+                                  uint32_t size, uint32_t* bytesWritten);
+
+/* Tells how many bytes of the volume the file holds. dataBytes is 0 on a failure.
+ *
+ * Statuses: -87 dataBytes null, or handle unknown. */
+KQ_API KQStatus KQSparseFileGetNumDataBytes(uint64_t handle, uint64_t* dataBytes);
+
+/* Closes a sparse file. The handle is gone when the call returns, whatever the status.
+ *
+ * deleteFile: 0: what is pending is written, and the file marked as closed. Otherwise the file is
+ *   removed, also one that was opened for reading only, and nothing is written.
+ *
+ * Statuses: -87 handle unknown; -8 out of memory; others as the operating system reports. On a
+ * failure lines on the standard error stream tell the step, what was not yet written is lost, and
+ * the file stays open until the process ends. */
+KQ_API KQStatus KQSparseFileClose(uint64_t handle, uint8_t deleteFile);
 
 /* Enumerations: catalogues of image files, in memory only.
  *

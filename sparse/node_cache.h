@@ -66,6 +66,10 @@ class NodeCache {
 // of order. The magic is not tested. -8; or what the transfers give.
 KQStatus GetNode(SparseFile* file, std::uint64_t position, CachedNode** node);
 
+// The same for a node that AllocateNode has just appended: its count is ahead of its extents, which
+// the caller is about to store.
+KQStatus GetNewNode(SparseFile* file, std::uint64_t position, CachedNode** node);
+
 KQStatus GetNodeCount(SparseFile* file, std::uint64_t position, std::uint32_t* count);
 KQStatus SetNodeCount(SparseFile* file, std::uint64_t position, std::uint32_t count);
 
@@ -74,8 +78,8 @@ KQStatus SetNodeCount(SparseFile* file, std::uint64_t position, std::uint32_t co
 KQStatus AllocateNode(SparseFile* file, std::uint32_t count, std::uint8_t isLeaf,
                       std::uint64_t* position);
 
-// Writes a changed node that leaves the cache, after the header block says that the file is in use.
-KQStatus WriteBackNode(SparseFile* file, const CachedNode& node);
+// Writes a node at its position. The file must be marked as in use before (MarkFileInUse).
+KQStatus WriteNode(SparseFile* file, const CachedNode& node);
 
 }  // namespace kq
 

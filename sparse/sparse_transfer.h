@@ -44,6 +44,9 @@ KQStatus SparseFileTransfer(SparseFile* file, std::uint64_t position, const void
 // Writes the header block from the values in memory. -19 the file is read-only.
 KQStatus UpdateFileHeader(SparseFile* file, std::uint8_t inUse);
 
+// Before a node is written over: sees to it that the header block on disk has InUse 1.
+KQStatus MarkFileInUse(SparseFile* file);
+
 }  // namespace kq
 
 #endif
