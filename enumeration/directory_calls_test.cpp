@@ -22,6 +22,9 @@ struct Plan {
 
 thread_local constinit Plan plan{};
 thread_local constinit const std::string* forcedName = nullptr;
+thread_local constinit const std::string* forcedKindPath = nullptr;
+thread_local constinit mode_t forcedKind = 0;
+thread_local constinit const std::string* forcedResolved = nullptr;
 thread_local constinit int openDirectories = 0;
 
 bool FailsNow(DirectoryCall call) {
@@ -43,6 +46,21 @@ NameFromReaddir::NameFromReaddir(const std::string& name) { forcedName = new std
 NameFromReaddir::~NameFromReaddir() {
   delete forcedName;
   forcedName = nullptr;
+}
+
+FileOfKind::FileOfKind(const std::string& path, mode_t kind) {
+  forcedKindPath = new std::string(path);
+  forcedKind = kind;
+}
+FileOfKind::~FileOfKind() {
+  delete forcedKindPath;
+  forcedKindPath = nullptr;
+}
+
+ResolvedPath::ResolvedPath(const std::string& path) { forcedResolved = new std::string(path); }
+ResolvedPath::~ResolvedPath() {
+  delete forcedResolved;
+  forcedResolved = nullptr;
 }
 
 int OpenDirectories() { return openDirectories; }
@@ -87,10 +105,18 @@ int __real_stat64(const char* path, struct stat64* found);
 int __wrap_stat64(const char* path, struct stat64* found);
 int __wrap_stat64(const char* path, struct stat64* found) {
   if (FailsNow(DirectoryCall::kStat)) return -1;
-  if (kqtest::forcedName == nullptr) return __real_stat64(path, found);
+  const bool isForced = kqtest::forcedKindPath != nullptr && *kqtest::forcedKindPath == path;
+  if (kqtest::forcedName == nullptr && !isForced) return __real_stat64(path, found);
   *found = {};
-  found->st_mode = S_IFREG;
+  found->st_mode = isForced ? kqtest::forcedKind : S_IFREG;
   return 0;
+}
+
+char* __real_realpath(const char* path, char* resolved);
+char* __wrap_realpath(const char* path, char* resolved);
+char* __wrap_realpath(const char* path, char* resolved) {
+  if (kqtest::forcedResolved == nullptr) return __real_realpath(path, resolved);
+  return strdup(kqtest::forcedResolved->c_str());
 }
 
 void* __real_malloc(std::size_t size);

@@ -3,7 +3,8 @@
 #ifndef KQ_ENUMERATION_DIRECTORY_CALLS_TEST_H
 #define KQ_ENUMERATION_DIRECTORY_CALLS_TEST_H
 
-#include <functional>
+#include <sys/types.h>
+
 #include <string>
 
 namespace kqtest {
@@ -29,6 +30,25 @@ class NameFromReaddir {
   ~NameFromReaddir();
   NameFromReaddir(const NameFromReaddir&) = delete;
   NameFromReaddir& operator=(const NameFromReaddir&) = delete;
+};
+
+// While it lives, stat finds a file of that kind (S_IFREG and the like) at the path, whatever is
+// there.
+class FileOfKind {
+ public:
+  FileOfKind(const std::string& path, mode_t kind);
+  ~FileOfKind();
+  FileOfKind(const FileOfKind&) = delete;
+  FileOfKind& operator=(const FileOfKind&) = delete;
+};
+
+// While it lives, every path resolves to this one.
+class ResolvedPath {
+ public:
+  explicit ResolvedPath(const std::string& path);
+  ~ResolvedPath();
+  ResolvedPath(const ResolvedPath&) = delete;
+  ResolvedPath& operator=(const ResolvedPath&) = delete;
 };
 
 // Directories that are open in this thread.

@@ -25,7 +25,7 @@ KQStatus ReadImageInfo(const EnumeratedDirectory& directory, const std::string& 
   const std::string path = directory.path + name;
   struct stat64 found;
   if (stat64(path.c_str(), &found) != 0) return KQ_FAIL_ERRNO(errno);
-  if (S_ISFIFO(found.st_mode)) return KQ_FAIL(kGenFailure);
+  if (S_ISFIFO(found.st_mode) || S_ISCHR(found.st_mode)) return KQ_FAIL(kGenFailure);
   return KQImageFileGetInfo2(path.c_str(), info);
 }
 

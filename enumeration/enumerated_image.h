@@ -12,7 +12,8 @@
 namespace kq {
 
 // Reads what the header of directory's file name says. No password is needed. As
-// KQImageFileGetInfo2, and -31 for a pipe, which could make the call wait for ever.
+// KQImageFileGetInfo2, and -31 for a pipe or a character device, which could make the call wait for
+// ever.
 KQStatus ReadImageInfo(const EnumeratedDirectory& directory, const std::string& name,
                        ImageFileInfo2* info);
 

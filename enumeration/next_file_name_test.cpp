@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "enumeration/directory_calls_test.h"
 #include "kqimageapi.h"
 #include "tests/support/temp_dir.h"
 
@@ -82,6 +83,11 @@ TEST_F(NextFileNameTest, TheGivenFileNeedNotBeTheNewest) {
 
 TEST_F(NextFileNameTest, ADirectoryUnderTheNameLeavesItAvailable) {
   std::filesystem::create_directory(Path("a-i001.twi"));
+  EXPECT_EQ(Next("a.twf"), "a-i001.twi");
+}
+
+TEST_F(NextFileNameTest, ABlockDeviceUnderTheNameLeavesItAvailable) {
+  const kqtest::FileOfKind device(Path("a-i001.twi"), S_IFBLK);
   EXPECT_EQ(Next("a.twf"), "a-i001.twi");
 }
 

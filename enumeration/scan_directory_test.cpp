@@ -5,11 +5,12 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <clocale>
 
 #include "enumeration/admit_file.h"
 #include "enumeration/directory_calls_test.h"
 #include "enumeration/enumeration_test_support.h"
+#include "enumeration/locate_file.h"
+#include "enumeration/set_queries.h"
 #include "tests/support/image_cipher.h"
 
 namespace kq {
@@ -84,7 +85,8 @@ TEST_F(ScanDirectoryTest, LinksToFilesAreFollowed) {
   EXPECT_EQ(Catalogued(), "a.twf");
 }
 
-TEST_F(ScanDirectoryTest, APipeIsPassedOver) {
+TEST_F(ScanDirectoryTest, APipeOrATerminalIsPassedOver) {
+  std::filesystem::create_symlink("/dev/zero", Path("c.twf"));
   ASSERT_EQ(mkfifo(Path("a.twf").c_str(), 0600), 0);
   Write("b.twf", {.id = 1, .isLast = false});
   ASSERT_EQ(mkfifo(Path("b.TW1").c_str(), 0600), 0);
@@ -228,6 +230,24 @@ TEST_F(ScanDirectoryTest, TheSecondStatOfTheDirectoryCanFail) {
 TEST_F(ScanDirectoryTest, TheRootDirectoryIsKnownUnderTwoSlashes) {
   Scan("/");
   EXPECT_EQ(enumeration_.directories.begin()->first, "//");
+}
+
+TEST_F(ScanDirectoryTest, AFileInTheRootDirectoryIsListedButNotFoundByItsPath) {
+  auto made = std::make_unique<EnumeratedDirectory>("//");
+  auto file = std::make_unique<EnumeratedFile>();
+  file->name = "a.twf";
+  file->imageId = MakeId(1);
+  file->directory = made.get();
+  enumeration_.directories.emplace("//", std::move(made));
+  enumeration_.Admit(std::move(file));
+
+  const kqtest::ResolvedPath resolved("/a.twf");
+  const kqtest::FileOfKind kind("/a.twf", S_IFREG);
+  EnumeratedFile* found = nullptr;
+  EXPECT_EQ(LocateFile(enumeration_, "/a.twf", &found).status, -2);
+  FileList fostered;
+  ASSERT_EQ(AllFostered(enumeration_, &fostered).status, 0);
+  EXPECT_EQ(fostered.at(0)->directory->path, "//");
 }
 
 TEST_F(ScanDirectoryTest, TheHandleSeesWhatTheScanAdmits) {

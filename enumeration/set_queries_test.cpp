@@ -63,6 +63,17 @@ TEST(AllFostered, EachFileStandsOnce) {
   EXPECT_EQ(Fostered(catalogue), "a1 a2 b1 b2 c");
 }
 
+TEST(AllFostered, ALongChainNeedsNoStack) {
+  constexpr std::uint32_t kFiles = 100000;
+  MemoryCatalogue catalogue;
+  for (std::uint32_t i = 0; i < kFiles; ++i) catalogue.Admit("f", i + 1, i);
+  FileList files;
+  ASSERT_EQ(AllFostered(catalogue.enumeration, &files).status, 0);
+  ASSERT_EQ(files.size(), kFiles);
+  for (std::uint32_t i = 0; i < kFiles; ++i) ASSERT_EQ(files[i]->admissionNumber, i);
+  EXPECT_EQ(Orphans(catalogue), "-18");
+}
+
 TEST(AllFostered, ImageSetsAreNotCompared) {
   MemoryCatalogue catalogue;
   catalogue.Admit("a", 1, 0)->imageSetId = MakeId(70);

@@ -158,7 +158,26 @@ TEST(ShortestPathToBase, ACycleBesideTheWayIsLeftAlone) {
   EXPECT_EQ(PathTo(&catalogue, target), "a b c");
 }
 
+TEST(ShortestPathToBase, ALongChainNeedsNoStack) {
+  constexpr std::uint32_t kFiles = 100000;
+  MemoryCatalogue catalogue;
+  EnumeratedFile* last = catalogue.Admit("f", 1, 0);
+  for (std::uint32_t i = 2; i <= kFiles; ++i) last = catalogue.Admit("f", i, i - 1);
+  FileList path;
+  ASSERT_EQ(ShortestPathToBase(catalogue.enumeration, last, &path).status, 0);
+  ASSERT_EQ(path.size(), kFiles);
+  for (std::uint32_t i = 0; i < kFiles; ++i) ASSERT_EQ(path[i]->admissionNumber, i);
+}
+
 class ShortestPathQueryTest : public kqtest::EnumerationTest {};
+
+TEST_F(ShortestPathQueryTest, OfACompleteBaseIsOneFileWithItsDirectory) {
+  Write("a-b001.twf", {.id = 1});
+  Write("a-b001-i001.twi", {.id = 2, .parent = 1});
+  Add();
+  EXPECT_EQ(Ask(KQImageFilesEnumerationQueryShortestPathToBase, Path("a-b001.twf"), 0, nullptr),
+            (Listed{0, "\"" + Path("a-b001.twf") + "\""}));
+}
 
 TEST_F(ShortestPathQueryTest, GivesTheWorkedExample) {
   Write("a-b001.twf", {.id = 1});
