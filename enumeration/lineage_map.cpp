@@ -72,6 +72,23 @@ void LineageMap::CloseComponent(const EnumeratedFile& root,
   // Not in components_ yet, so that only what was closed before is counted from there.
   component.listedBytes = CountBytes(component.members(files_));
   components_.push_back(component);
+  for (const EnumeratedFile* member : component.members(files_)) {
+    StateOf(*member).stretch = component.count == 1 ? FindStretch(*member) : Stretch{member, 0};
+  }
+}
+
+// The file is on no cycle, and all that lies behind it is in closed components.
+LineageMap::Stretch LineageMap::FindStretch(const EnumeratedFile& file) const {
+  if (rule_.Lists(file)) return {&file, 0};
+  const EnumeratedFile* onlyWay = nullptr;
+  for (const EnumeratedFile* link : rule_.LinksOf(file)) {
+    if (!rule_.Follows(*link) || ListedBytes(*link) == 0) continue;
+    if (onlyWay != nullptr) return {&file, 0};
+    onlyWay = link;
+  }
+  if (onlyWay == nullptr) return {&file, 0};
+  const Stretch& onward = StretchFrom(*onlyWay);
+  return {onward.end, onward.steps + 1};
 }
 
 // A walk that enters a cycle comes to each of its files once, so the sum is the same for all.

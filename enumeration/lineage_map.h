@@ -47,6 +47,15 @@ class LineageMap {
     return ComponentOf(file).listedBytes;
   }
 
+  // Where a walk that passes the file comes to a choice, an end or a cycle, and after how many
+  // steps. Between, there is one way on and nothing to list, so that walking many ways through a
+  // long chain need not go through it each time.
+  struct Stretch {
+    const EnumeratedFile* end = nullptr;
+    std::size_t steps = 0;
+  };
+  const Stretch& StretchFrom(const EnumeratedFile& file) const { return StateOf(file).stretch; }
+
  private:
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
@@ -54,6 +63,7 @@ class LineageMap {
     std::uint32_t order = kNone;   // in which the search came to the file
     std::uint32_t oldest = kNone;  // the smallest order known to be reached from it
     std::uint32_t component = kNone;
+    Stretch stretch;
   };
 
   // Files that all reach each other; they stand side by side in files_.
@@ -74,6 +84,7 @@ class LineageMap {
   }
   void Search(const EnumeratedFile& start);
   void CloseComponent(const EnumeratedFile& root, std::vector<const EnumeratedFile*>* open);
+  Stretch FindStretch(const EnumeratedFile& file) const;
   std::uint64_t CountBytes(std::span<const EnumeratedFile* const> members) const;
 
   LineageRule rule_;

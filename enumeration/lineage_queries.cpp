@@ -22,17 +22,21 @@ void WalkLineage(const ImageFilesEnumeration& enumeration, const LineageRule& ru
   struct Step {
     const EnumeratedFile* file;
     std::size_t nextLink;
+    std::size_t distance;
   };
   std::vector<Step> way;
   // The files on the way, and of a cycle that the way has entered those that have been visited.
   std::vector<bool> isVisited(enumeration.filesByName.size());
-  const auto enter = [&](const EnumeratedFile& file) {
+  const auto enter = [&](const EnumeratedFile& from, std::size_t distanceOfFrom) {
+    const LineageMap::Stretch& stretch = map.StretchFrom(from);
+    const EnumeratedFile& file = *stretch.end;
+    const std::size_t distance = distanceOfFrom + stretch.steps;
     isVisited[file.admissionNumber] = true;
-    if (rule.Lists(file)) visit(file, way.size());
-    way.push_back({&file, 0});
+    if (rule.Lists(file)) visit(file, distance);
+    way.push_back({&file, 0, distance});
   };
 
-  enter(start);
+  enter(start, 0);
   while (!way.empty()) {
     const EnumeratedFile& file = *way.back().file;
     const FileLinks& links = rule.LinksOf(file);
@@ -40,7 +44,7 @@ void WalkLineage(const ImageFilesEnumeration& enumeration, const LineageRule& ru
       const EnumeratedFile& link = *links[way.back().nextLink++];
       // A cycle without a way out leads to no root; there is no need to go through it.
       if (rule.Follows(link) && !isVisited[link.admissionNumber] && map.ListedBytes(link) != 0) {
-        enter(link);
+        enter(link, way.back().distance + 1);
       }
       continue;
     }

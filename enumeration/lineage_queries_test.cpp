@@ -245,6 +245,21 @@ TEST(Copies, OtherListsAreGivenWithAllRepeats) {
   EXPECT_EQ(files, FileList(1024, base));
 }
 
+// Sixteen thousand ways, all through the same long chain.
+TEST(Copies, ManyWaysThroughALongChainTakeNoLongerThanTheirList) {
+  MemoryCatalogue catalogue;
+  EnumeratedFile* base = catalogue.Admit("f", 1, 0);
+  for (std::uint32_t i = 2; i <= 50000; ++i) catalogue.Admit("f", i, i - 1);
+  EnumeratedFile* last = nullptr;
+  for (std::uint32_t i = 50001; i <= 50015; ++i) {
+    catalogue.Admit("f", i, i - 1);
+    last = catalogue.Admit("f", i, i - 1);
+  }
+  FileList roots;
+  ASSERT_EQ(FindRoots(catalogue.enumeration, *last, &roots).status, 0);
+  EXPECT_EQ(roots, FileList(16384, base));
+}
+
 // Walks step by step as the words of the contract go, for catalogues without cycles.
 void PlainDependents(const EnumeratedFile& file, FileList* list) {
   list->push_back(&file);
