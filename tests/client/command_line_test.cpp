@@ -30,7 +30,7 @@ TEST_F(CommandLineTest, MistakesAreUsageErrors) {
            {"create", volume, Path("b.twf"), "--no-such-option"},
            {"create", volume, Path("b.img")},
            {"create", volume, Path("b.twi")},
-           {"create", volume, Path("b.twf"), "--compress", "lzw"},
+           {"create", volume, Path("b.twf"), "--compress", "gzip"},
            {"create", volume, Path("b.twf"), "--compress", "5"},
            {"create", volume, Path("b.twf"), "--sector-size", "256"},
            {"create", volume, Path("b.twf"), "--sector-size", "8192"},

@@ -82,6 +82,47 @@ TEST_F(CreateTest, HeaderTellsWhatWasAskedFor) {
   EXPECT_NE(std::memcmp(a.ImageSetId, b.ImageSetId, 16), 0) << "a set of its own each";
 }
 
+TEST_F(CreateTest, ATypeThatCantBeReadBackIsMadeAndNamed) {
+  const Volume volume = MakeVolume(3 << 20, 3);
+  Put("volume", volume);
+  for (const auto& [name, type] :
+       {std::pair{"lzw", KQ_COMPRESSION_LZW}, {"lzss", KQ_COMPRESSION_LZSS}}) {
+    const ClientResult made =
+        RunClient({"create", Path("volume"), Path("a.twf"), "--compress", name, "--force"});
+    EXPECT_EQ(made.exitStatus, 0) << made.err;
+    EXPECT_NE(made.out.find(Path("a.twf") + " is for other readers: this program can't read " +
+                            name + " back\n"),
+              std::string::npos)
+        << made.out;
+    EXPECT_EQ(HeaderOf(Path("a.twf")).CompressionType, type);
+    EXPECT_LT(std::filesystem::file_size(Path("a.twf")), volume.size() * 3 / 4);
+    const ClientResult info = RunClient({"info", Path("a.twf")});
+    EXPECT_NE(info.out.find(std::string("Compression       ") + name +
+                            ", which this program can't read back\n"),
+              std::string::npos)
+        << info.out;
+    const ClientResult increment = RunClient({"increment", Path("volume"), Path("a.twf")});
+    EXPECT_EQ(increment.exitStatus, 1);
+    EXPECT_EQ(increment.err, "kqimage: " + Path("a.twf") + " is compressed as " + name +
+                                 ", which can't be read back: nothing can be restored from it or "
+                                 "compared with it\n");
+  }
+  EXPECT_EQ(Names(), (NameSet{"volume", "a.twf"}));
+}
+
+TEST_F(CreateTest, AnIncrementOfATypeThatCantBeReadBackEndsItsChain) {
+  Volume volume = MakeVolume(1 << 20, 3);
+  Put("volume", volume);
+  Create(Path("volume"), Path("a.twf"));
+  std::fill_n(volume.begin(), 300000, std::uint8_t{'x'});
+  Put("volume", volume);
+  Increment(Path("volume"), Path("a.twf"), Path("b.twi"), {"--compress", "lzss"});
+  EXPECT_EQ(HeaderOf(Path("b.twi")).CompressionType, KQ_COMPRESSION_LZSS);
+  EXPECT_EQ(RunClient({"increment", Path("volume"), Path("b.twi")}).exitStatus, 1);
+  Increment(Path("volume"), Path("a.twf"), Path("c.twi"));
+  EXPECT_EQ(Restore({Path("c.twi")}), volume);
+}
+
 TEST_F(CreateTest, ZeroStretchesAreNotStoredEvenUncompressed) {
   Volume volume(8 << 20);
   std::fill_n(volume.begin() + (3 << 20), 4096, std::uint8_t{1});

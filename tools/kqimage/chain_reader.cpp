@@ -20,16 +20,24 @@ constexpr std::size_t kMaxListedPath = 4095;  // the library cuts a path behind 
 // A chain's sectors are at least 512 bytes for its reader, whatever a file says.
 constexpr std::uint32_t kSmallestReadableSector = 512;
 
-void RefuseUnreadable(const ImageFile& file) {
-  if (file.info.sectorSize < kSmallestReadableSector) {
-    throw Failure(
-        fmt::format("{} has sectors of {} bytes; below {} bytes its data can't be read "
-                    "back as they were written",
-                    Printable(file.path), file.info.sectorSize, kSmallestReadableSector));
+}  // namespace
+
+void RefuseUnreadable(const Chain& chain) {
+  for (const ImageFile& file : chain) {
+    if (file.info.sectorSize < kSmallestReadableSector) {
+      throw Failure(
+          fmt::format("{} has sectors of {} bytes; below {} bytes its data can't be read "
+                      "back as they were written",
+                      Printable(file.path), file.info.sectorSize, kSmallestReadableSector));
+    }
+    if (!IsReadable(file.info.compressionType)) {
+      throw Failure(fmt::format(
+          "{} is compressed as {}, which can't be read back: nothing can be restored from it or "
+          "compared with it",
+          Printable(file.path), CompressionText(file.info.compressionType)));
+    }
   }
 }
-
-}  // namespace
 
 ChainReader::ChainReader(const Chain& chain, const char* password)
     : newestPath_(chain.back().path),
@@ -37,7 +45,6 @@ ChainReader::ChainReader(const Chain& chain, const char* password)
       probe_(kProbeBytes) {
   std::string list;
   for (const ImageFile& file : chain) {
-    RefuseUnreadable(file);
     if (file.info.encryptionType == KQ_ENCRYPTION_AES128_UNCHECKED) takesAnyPassword_ = true;
     if (!list.empty()) list += '|';
     if (file.path.find('|') == std::string::npos && file.path.size() <= kMaxListedPath) {

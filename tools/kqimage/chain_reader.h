@@ -17,11 +17,14 @@
 
 namespace kqimage {
 
+// Throws a Failure that names the file if one has data that the library can't read back.
+void RefuseUnreadable(const Chain& chain);
+
 class ChainReader {
  public:
-  // Opens the chain. Throws a Failure if it can't be read. The password, needed if one of the files
-  // is enciphered, must have been tried on each of them: the library takes a file that the process
-  // has open already with any.
+  // Opens the chain, which RefuseUnreadable has let pass. Throws a Failure if that fails. The
+  // password, needed if one of the files is enciphered, must have been tried on each of them: the
+  // library takes a file that the process has open already with any.
   explicit ChainReader(const Chain& chain, const char* password = nullptr);
   ~ChainReader();
   ChainReader(const ChainReader&) = delete;

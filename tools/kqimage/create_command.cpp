@@ -142,6 +142,7 @@ void Create(const CreateOptions& options) {
   fmt::print("{}: full image of {}, {} of {} stored in {}, {:.1f} s\n", Printable(options.image),
              Printable(options.source), SizeText(writer.StoredBytes()), SizeText(source.Size()),
              SizeText(std::filesystem::file_size(options.image)), seconds);
+  PrintReadingDoubt(header, options.image);
 }
 
 }  // namespace

@@ -68,6 +68,12 @@ void EnsureExtendedRecord(HeaderTemplate& made, ImageHeader header) {
 
 }  // namespace
 
+ImageHeader HeaderTemplate::Fields() const {
+  ImageHeader fields = {};
+  std::memcpy(&fields, bytes.data(), sizeof fields);
+  return fields;
+}
+
 HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType,
                                 std::uint32_t encryptionType) {
   ImageHeader header = {};
@@ -104,10 +110,8 @@ HeaderTemplate MakeIncrementTemplate(const ImageFile& parent, std::uint32_t comp
 
 void CheckCommentFits(const HeaderTemplate& header, const std::string& comment) {
   constexpr std::size_t kUnitBytes = sizeof(std::uint16_t);
-  ImageHeader fields = {};
-  std::memcpy(&fields, header.bytes.data(), sizeof fields);
-  const std::size_t taken = sizeof fields + KeyBlobBytes(fields.EncryptionType) + kUnitBytes +
-                            sizeof(ExtendedRecord);  // the unit is the comment's NUL
+  const std::size_t taken = sizeof(ImageHeader) + KeyBlobBytes(header.Fields().EncryptionType) +
+                            kUnitBytes + sizeof(ExtendedRecord);  // the unit is the comment's NUL
   const std::size_t room =
       taken < header.sectorSize ? (header.sectorSize - taken) / kUnitBytes : std::size_t{0};
   const std::size_t units = Utf16Units(comment).value_or(0);

@@ -2,6 +2,8 @@
 #ifndef KQIMAGE_HEADER_TEMPLATE_H
 #define KQIMAGE_HEADER_TEMPLATE_H
 
+#include <kqimageformat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,6 +16,8 @@ namespace kqimage {
 struct HeaderTemplate {
   std::vector<std::byte> bytes;
   std::uint32_t sectorSize = 0;
+
+  ImageHeader Fields() const;
 };
 
 // For the base image of a new set, with an identifier of its own for the set.

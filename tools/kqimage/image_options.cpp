@@ -13,17 +13,18 @@ namespace kqimage {
 namespace {
 
 const std::map<std::string, std::uint32_t>& CompressionNames() {
-  // The types that can be read back.
   static const std::map<std::string, std::uint32_t> names = {
       {"none", KQ_COMPRESSION_NONE},
       {"lzo", KQ_COMPRESSION_LZO},
-      {"lzo-huffman", KQ_COMPRESSION_LZO_HUFFMAN}};
+      {"lzo-huffman", KQ_COMPRESSION_LZO_HUFFMAN},
+      {"lzw", KQ_COMPRESSION_LZW},
+      {"lzss", KQ_COMPRESSION_LZSS}};
   return names;
 }
 
 std::string CheckCompression(const std::string& name) {
   if (CompressionNames().contains(name)) return {};
-  return fmt::format("\"{}\" is none of none, lzo, lzo-huffman", Printable(name));
+  return fmt::format("\"{}\" is none of none, lzo, lzo-huffman, lzw, lzss", Printable(name));
 }
 
 // The library cuts a comment that doesn't fit and drops one that is not UTF-8. Better to say so
@@ -52,7 +53,9 @@ void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string
           [&options](const std::string& name) {
             options.compression = CompressionNames().at(name);
           },
-          "none, lzo or lzo-huffman; " + defaultText)
+          "none, lzo or lzo-huffman; " + defaultText +
+              ". For other readers: lzw or lzss, which this program can't read back, neither to "
+              "restore nor to make an increment")
       ->check(CheckCompression)
       ->type_name("TYPE");
   command.add_option("--comment", options.comment, "A text to keep in the image")

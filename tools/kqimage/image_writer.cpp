@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kqimage/block_compare.h"
+#include "kqimage/chunk_count_check.h"
 #include "kqimage/failure.h"
 #include "kqimage/text.h"
 
@@ -21,10 +22,21 @@ std::vector<std::uint64_t>& GivenUp() {
 
 }  // namespace
 
+void PrintReadingDoubt(const HeaderTemplate& header, const std::string& image) {
+  const std::uint32_t type = header.Fields().CompressionType;
+  if (IsReadable(type)) return;
+  fmt::print("{} is for other readers: this program can't read {} back\n", Printable(image),
+             CompressionText(type));
+}
+
 ImageWriter::ImageWriter(const std::string& path, const std::string& name,
                          const HeaderTemplate& header, std::uint64_t volumeSize,
                          const char* password)
-    : path_(path), name_(name), password_(password), sectorSize_(header.sectorSize) {
+    : path_(path),
+      name_(name),
+      password_(password),
+      sectorSize_(header.sectorSize),
+      compressionType_(header.Fields().CompressionType) {
   GivenUp().reserve(GivenUp().size() + 1);
   Check(KQNewImageFileCreate2(header.bytes.data(), static_cast<std::uint32_t>(header.bytes.size()),
                               password, path.c_str(), &volumeSize, nullptr, nullptr, nullptr,
@@ -58,6 +70,10 @@ void ImageWriter::WriteZeros(std::uint64_t offset, std::uint64_t length) {
 void ImageWriter::Finish(const std::string& comment, const Chain& parents) {
   Check(KQNewImageFileClose(handle_, comment.c_str()), "complete the image", name_);
   handle_ = 0;
+  if (!IsReadable(compressionType_)) {
+    CheckChunkCount(path_, name_, storedBytes_);
+    return;
+  }
   Chain chain = parents;
   chain.push_back(ReadImageFile(path_));
   tail_.Verify(ChainReader(chain, password_), name_);

@@ -16,6 +16,10 @@
 
 namespace kqimage {
 
+// Prints, for an image that has been made with a compression that can't be read back, that it is
+// so.
+void PrintReadingDoubt(const HeaderTemplate& header, const std::string& image);
+
 class ImageWriter {
  public:
   // path exists and is overwritten; name is what messages call it. The password is needed if the
@@ -34,6 +38,7 @@ class ImageWriter {
   void WriteZeros(std::uint64_t offset, std::uint64_t length);
 
   // Completes the image and reads its end back, as the newest image upon parents (none for a base).
+  // Of an image that can't be read back it is checked that all chunks are there.
   void Finish(const std::string& comment, const Chain& parents);
 
   std::uint64_t StoredBytes() const { return storedBytes_; }
@@ -43,6 +48,7 @@ class ImageWriter {
   std::string name_;
   const char* password_;
   std::uint32_t sectorSize_;
+  std::uint32_t compressionType_;
   std::uint64_t handle_ = 0;
   std::uint64_t storedBytes_ = 0;
   TailCheck tail_;

@@ -122,6 +122,7 @@ void Increment(const IncrementOptions& options) {
   }
   const VolumeSource source(options.source);
   const Chain chain = ResolveChain(options);
+  RefuseUnreadable(chain);
   RefuseOwnInput(out, options.source, chain);
   RefuseUselessPassword(options, chain);
   RefuseSharedInput(options.password, std::span(&options.source, 1));
@@ -153,6 +154,7 @@ void Increment(const IncrementOptions& options) {
   }
   if (options.common.quiet) return;
   if (reader.TakesAnyPassword()) PrintPasswordDoubt();
+  PrintReadingDoubt(header, out);
   if (writer.StoredBytes() == 0) {
     fmt::print("{} has not changed since {}: no image made\n", Printable(options.source),
                Printable(options.image));

@@ -110,7 +110,9 @@ std::string TextReport(const InfoReport& report) {
   lines.Add("Created", TimeText(basic, TimeDetail::kSeconds));
   lines.Add("Volume size", ExactSizeText(basic.sourceSize));
   lines.Add("Sector size", fmt::format("{} bytes", basic.sectorSize));
-  lines.Add("Compression", CompressionText(basic.compressionType));
+  lines.Add("Compression",
+            CompressionText(basic.compressionType) +
+                (IsReadable(basic.compressionType) ? "" : ", which this program can't read back"));
   lines.Add("Encryption", EncryptionText(basic.encryptionType));
   if (report.password == PasswordVerdict::kRight) lines.Add("Password", "right");
   if (report.password == PasswordVerdict::kUnchecked) {
@@ -147,7 +149,8 @@ std::string JsonReport(const InfoReport& report) {
   json["volumeSize"] = std::uint64_t{basic.sourceSize};
   json["sectorSize"] = std::uint32_t{basic.sectorSize};
   json["compression"] = {{"type", std::uint32_t{basic.compressionType}},
-                         {"name", CompressionText(basic.compressionType)}};
+                         {"name", CompressionText(basic.compressionType)},
+                         {"isReadable", IsReadable(basic.compressionType)}};
   json["encryption"] = {{"type", std::uint32_t{basic.encryptionType}},
                         {"name", EncryptionText(basic.encryptionType)}};
   json["password"] = JsonPassword(report.password);

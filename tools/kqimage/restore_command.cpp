@@ -62,6 +62,7 @@ void Restore(const RestoreOptions& options) {
           fmt::format("{} is one of the images to restore from", Printable(options.target)));
     }
   }
+  RefuseUnreadable(chain);
   Password password;
   ObtainChainPassword(options.password, chain, password);
   ChainReader reader(chain, password.CString());

@@ -156,6 +156,11 @@ std::string CompressionText(std::uint32_t type) {
   }
 }
 
+bool IsReadable(std::uint32_t compressionType) {
+  return compressionType == KQ_COMPRESSION_NONE || compressionType == KQ_COMPRESSION_LZO ||
+         compressionType == KQ_COMPRESSION_LZO_HUFFMAN;
+}
+
 std::string EncryptionText(std::uint32_t type) {
   switch (type) {
     case KQ_ENCRYPTION_NONE:

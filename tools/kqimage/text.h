@@ -34,6 +34,8 @@ std::string TimeText(const ImageFileInfo& info, TimeDetail detail);
 
 // The names that the options of create have, where there is one.
 std::string CompressionText(std::uint32_t type);
+// False for the types that the library writes and can't read.
+bool IsReadable(std::uint32_t compressionType);
 std::string EncryptionText(std::uint32_t type);
 
 // UTF-8 of the units up to the first zero; an unpaired surrogate becomes U+FFFD.
