@@ -5,7 +5,6 @@
 namespace kq {
 namespace {
 
-constexpr std::size_t kTextLength = 38;
 constexpr char kDigits[] = "0123456789ABCDEF";
 
 // The bytes in the order in which their digits are written: the first three groups are integers,
@@ -19,18 +18,16 @@ constexpr bool HyphenBefore(std::size_t place) {
 
 }  // namespace
 
-std::string IdentifierText(const Identifier& identifier) {
-  std::string text;
-  text.reserve(kTextLength);
-  text.push_back('{');
+IdentifierText::IdentifierText(const Identifier& identifier) {
+  char* next = characters_.data();
+  *next++ = '{';
   for (std::size_t place = 0; place < kByteOrder.size(); ++place) {
-    if (HyphenBefore(place)) text.push_back('-');
+    if (HyphenBefore(place)) *next++ = '-';
     const std::uint8_t byte = identifier[kByteOrder[place]];
-    text.push_back(kDigits[byte >> 4]);
-    text.push_back(kDigits[byte & 0xF]);
+    *next++ = kDigits[byte >> 4];
+    *next++ = kDigits[byte & 0xF];
   }
-  text.push_back('}');
-  return text;
+  *next = '}';
 }
 
 }  // namespace kq

@@ -6,11 +6,11 @@
 namespace kq {
 namespace {
 
-FileLinks FilesUnder(const FilesByText& files, const std::string& key) {
+FileLinks FilesUnder(const FilesByIdentifier& files, const IdentifierText& key) {
   const auto [first, last] = files.equal_range(key);
   FileLinks found;
   std::transform(first, last, std::back_inserter(found),
-                 [](const FilesByText::value_type& entry) { return entry.second; });
+                 [](const FilesByIdentifier::value_type& entry) { return entry.second; });
   return found;
 }
 
@@ -23,7 +23,7 @@ void ReserveOneMore(FileLinks* links) {
 
 // An entry that can later be put into a map without any allocation.
 template <class Map>
-typename Map::node_type MakeEntry(std::string key, typename Map::mapped_type value) {
+typename Map::node_type MakeEntry(typename Map::key_type key, typename Map::mapped_type value) {
   Map single;
   return single.extract(single.emplace(std::move(key), std::move(value)));
 }
@@ -36,22 +36,22 @@ ImageFilesEnumeration::~ImageFilesEnumeration() = default;
 
 void ImageFilesEnumeration::Admit(std::unique_ptr<EnumeratedFile> admitted) {
   EnumeratedFile* const file = admitted.get();
-  const std::string imageText = IdentifierText(file->imageId);
-  const std::string parentText = IdentifierText(file->parentImageId);
+  const IdentifierText imageText(file->imageId);
+  const IdentifierText parentText(file->parentImageId);
 
   // Everything that needs memory.
   FileLinks parents = FilesUnder(filesByImageId, parentText);
   FileLinks children = FilesUnder(filesByParentId, imageText);
   for (EnumeratedFile* parent : parents) ReserveOneMore(&parent->children);
   for (EnumeratedFile* child : children) ReserveOneMore(&child->parents);
-  auto baseByName = FilesByText::node_type();
-  auto baseBySetId = FilesByText::node_type();
+  auto baseByName = FilesByName::node_type();
+  auto baseBySetId = FilesByIdentifier::node_type();
   if (file->IsBase()) {
-    baseByName = MakeEntry<FilesByText>(file->name, file);
-    baseBySetId = MakeEntry<FilesByText>(IdentifierText(file->imageSetId), file);
+    baseByName = MakeEntry<FilesByName>(file->name, file);
+    baseBySetId = MakeEntry<FilesByIdentifier>(IdentifierText(file->imageSetId), file);
   }
-  auto byImageId = MakeEntry<FilesByText>(imageText, file);
-  auto byParentId = MakeEntry<FilesByText>(parentText, file);
+  auto byImageId = MakeEntry<FilesByIdentifier>(imageText, file);
+  auto byParentId = MakeEntry<FilesByIdentifier>(parentText, file);
   auto byName = MakeEntry<decltype(filesByName)>(file->name, std::move(admitted));
 
   // Nothing from here on can fail.

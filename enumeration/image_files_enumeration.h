@@ -24,7 +24,8 @@ namespace kq {
 
 // std::string compares bytes as unsigned and puts the shorter first where one begins the other.
 // Entries of equal key stay in the order of admission.
-using FilesByText = std::multimap<std::string, EnumeratedFile*>;
+using FilesByName = std::multimap<std::string, EnumeratedFile*>;
+using FilesByIdentifier = std::multimap<IdentifierText, EnumeratedFile*>;
 
 class ImageFilesEnumeration {
  public:
@@ -46,10 +47,10 @@ class ImageFilesEnumeration {
   // a file is found by its name here and then told by its directory.
   std::multimap<std::string, std::unique_ptr<EnumeratedFile>> filesByName;
 
-  FilesByText basesByName;
-  FilesByText basesBySetId;     // by IdentifierText of imageSetId; no query reads it
-  FilesByText filesByImageId;   // every admitted file, by IdentifierText of imageId
-  FilesByText filesByParentId;  // every admitted file, by IdentifierText of parentImageId
+  FilesByName basesByName;
+  FilesByIdentifier basesBySetId;     // by imageSetId; no query reads it
+  FilesByIdentifier filesByImageId;   // every admitted file, by imageId
+  FilesByIdentifier filesByParentId;  // every admitted file, by parentImageId
 };
 
 }  // namespace kq

@@ -17,7 +17,7 @@ std::string KeysAndNames(const Map& map) {
   return text;
 }
 
-std::string NamesUnder(const FilesByText& files, const Identifier& identifier) {
+std::string NamesUnder(const FilesByIdentifier& files, const Identifier& identifier) {
   FileList found;
   const auto [first, last] = files.equal_range(IdentifierText(identifier));
   for (auto entry = first; entry != last; ++entry) found.push_back(entry->second);
@@ -90,7 +90,7 @@ TEST(ImageFilesEnumeration, BasesStandUnderTheAllZeroParent) {
   MemoryCatalogue catalogue;
   catalogue.Admit("b2", 2, 0);
   catalogue.Admit("b1", 1, 0);
-  EXPECT_EQ(catalogue.enumeration.filesByParentId.begin()->first,
+  EXPECT_EQ(catalogue.enumeration.filesByParentId.begin()->first.view(),
             "{00000000-0000-0000-0000-000000000000}");
   EXPECT_EQ(NamesUnder(catalogue.enumeration.filesByParentId, Identifier{}), "b2 b1");
 }
