@@ -74,7 +74,7 @@ class ChunkDecodeTest : public ::testing::Test {
     EXPECT_EQ(chunkCacheBytes, 0u);
   }
 
-  // Opens an image of the spec's chunks; each one is tried under an identity of its own.
+  // Opens an image of the given chunks; each one is tried under an identity of its own.
   std::uint64_t Open(std::uint32_t compressionType, std::vector<ChunkSpec> chunks) {
     chain_.reset();
     spec_.header.compressionType = compressionType;

@@ -48,7 +48,7 @@ TEST_F(OtherProducersTest, SplitImagesAreFoundAndContinued) {
   std::filesystem::remove(Path("split.TW1"));
   const ClientResult result = RunClient({"restore", Path("a.twi"), "--to", Path("new")});
   EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_NE(result.err.find("part 2 of the image " + Path("split.twf") + " is missing"),
+  EXPECT_NE(result.err.find("part number 2 of the image " + Path("split.twf") + " is missing"),
             std::string::npos)
       << result.err;
 }

@@ -55,8 +55,8 @@ const ImageFile& FindPart(const ImageFile& sibling, std::uint32_t part, const Im
     found = &file;
   }
   if (found == nullptr) {
-    throw Failure(fmt::format("part {} of the image {} is missing: no file {} holds it", part + 1,
-                              Printable(sibling.path), where));
+    throw Failure(fmt::format("part number {} of the image {} is missing: no file {} holds it",
+                              part + 1, Printable(sibling.path), where));
   }
   return *found;
 }

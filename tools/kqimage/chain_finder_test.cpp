@@ -75,7 +75,7 @@ TEST(AssembleChain, NamesTheMissingParent) {
 
 TEST(AssembleChain, NamesTheMissingPart) {
   EXPECT_EQ(MessageOf(File("a", 1, 0, 0, false), {File("a.tw2", 1, 0, 2)}),
-            "part 2 of the image a is missing: no file in the folder F holds it");
+            "part number 2 of the image a is missing: no file in the folder F holds it");
 }
 
 TEST(AssembleChain, RefusesToChooseBetweenCopies) {
