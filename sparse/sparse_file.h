@@ -1,11 +1,12 @@
 // A sparse file: byte ranges of a volume at their volume offsets, in one file that can be read and
 // rewritten in place (docs/sparse-format.md).
 //
-// A SparseFile is owned by its handle, or by the chain that took the handle over. Nothing here has
-// a lock: the handle's lock, or the chain's, is held for each operation, and a close runs when its
-// caller is alone with the object. Memory is ahead of the file: RootNode and DataBytes in the
-// header block and changed nodes are written when a node leaves the cache and at the close. Data is
-// written at once.
+// A SparseFile is owned by its handle, or by the chain that took the handle over and lays it over
+// its image files (image/chain_overlay.h; sparse_overlay.cpp). Nothing here has a lock: the
+// handle's lock, or the chain's, is held for each operation, and a close runs when its caller is
+// alone with the object. Memory is ahead of the file: RootNode and DataBytes in the header block
+// and changed nodes are written when a node leaves the cache and at the close. Data is written at
+// once.
 //
 // On a clean file the header block has InUse 0. The first changed node that is written sets it to
 // 1, and only the close sets it to 0 again; a file with InUse 1 is not opened.
@@ -17,6 +18,7 @@
 #include "foundation/memory.h"
 #include "foundation/os_file.h"
 #include "foundation/status.h"
+#include "image/chain_overlay.h"
 #include "sparse/node_cache.h"
 #include "sparse/sparse_gate.h"
 
@@ -30,7 +32,7 @@ enum class SparseMode : std::int32_t {
   kOpenAlways = 4,  // creates the file if it doesn't exist
 };
 
-struct SparseFile {
+struct SparseFile final : ChainOverlay {
   explicit SparseFile(std::uint16_t cacheNodes) : Nodes(cacheNodes) {}
 
   SparseGateOwner Gate;         // may be empty, see MakeSparseGate
@@ -40,6 +42,10 @@ struct SparseFile {
   NodeCache Nodes;
   bool HeaderInUse = false;  // the header block on disk has InUse 1
   bool ReadOnly = false;
+
+  KQStatus ReadInto(std::uint64_t offset, void* buffer, std::uint32_t size) override;
+  KQStatus WriteFrom(std::uint64_t offset, const void* data, std::uint32_t size) override;
+  KQStatus CloseAndFree(const OpenImageFile* parent, const OverlayClosing& closing) override;
 };
 
 using SparseFileOwner = Owned<SparseFile>;

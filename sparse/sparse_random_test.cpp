@@ -2,13 +2,12 @@
 // whole file, byte by byte, after each close.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
 
 #include "kqimageapi.h"
-#include "sparse/sparse_model_test.h"
+#include "sparse/sparse_support_test.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_seed.h"
 
@@ -20,23 +19,6 @@ struct Shape {
   std::uint32_t units;  // offsets are multiples of unit from there
   std::uint32_t unit;
   std::uint32_t mostUnits;  // sizes
-};
-
-// Bytes at an address with a given distance from a multiple of 4096.
-class Placed {
- public:
-  Placed(std::size_t size, std::size_t distance) : memory_(nullptr) {
-    if (posix_memalign(&memory_, 4096, size + distance) != 0) std::abort();
-    bytes_ = static_cast<std::uint8_t*>(memory_) + distance;
-  }
-  ~Placed() { std::free(memory_); }
-  Placed(const Placed&) = delete;
-  Placed& operator=(const Placed&) = delete;
-  std::uint8_t* data() const { return bytes_; }
-
- private:
-  void* memory_;
-  std::uint8_t* bytes_;
 };
 
 class RandomRun {
@@ -72,8 +54,7 @@ class RandomRun {
     const std::int64_t offset = Offset();
     Bytes data(Size());
     for (std::uint8_t& byte : data) byte = static_cast<std::uint8_t>(random_());
-    const Placed placed(data.size(), Distance());
-    std::memcpy(placed.data(), data.data(), data.size());
+    const Placed placed(data, Distance());
     std::uint32_t count = 0;
     ASSERT_EQ(KQSparseFileWrite(handle_, static_cast<std::uint64_t>(offset), placed.data(),
                                 static_cast<std::uint32_t>(data.size()), &count)
@@ -89,8 +70,7 @@ class RandomRun {
   void Read() {
     const std::int64_t offset = Offset();
     const std::uint32_t size = Size();
-    const Placed placed(size, Distance());
-    std::memset(placed.data(), 0xA5, size);
+    const Placed placed(size, Distance(), 0xA5);
     std::uint32_t count = 0;
     ASSERT_EQ(
         KQSparseFileRead(handle_, static_cast<std::uint64_t>(offset), placed.data(), size, &count)
