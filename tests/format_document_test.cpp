@@ -3,15 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "kqimageapi.h"
 #include "kqimageformat.h"
+#include "tests/support/document_dump.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -52,49 +50,11 @@ std::vector<std::uint8_t> ComposeExample() {
   return file;
 }
 
-// Sixteen bytes a line; lines of zeros are left out, repeats of the line above become one "*".
-std::string RenderDump(const std::vector<std::uint8_t>& file) {
-  std::string dump;
-  const std::vector<std::uint8_t> zeros(16);
-  std::vector<std::uint8_t> previous;
-  bool starred = false;
-  for (std::size_t at = 0; at < file.size(); at += 16) {
-    const std::vector<std::uint8_t> line(file.begin() + static_cast<std::ptrdiff_t>(at),
-                                         file.begin() + static_cast<std::ptrdiff_t>(at + 16));
-    const bool repeat = line == previous;
-    if (line != zeros && repeat && !starred) dump += "*\n";
-    starred = line != zeros && repeat;
-    if (line != zeros && !repeat) {
-      char text[32];
-      std::snprintf(text, sizeof text, "%04zx ", at);
-      dump += text;
-      for (std::uint8_t byte : line) {
-        std::snprintf(text, sizeof text, " %02x", byte);
-        dump += text;
-      }
-      dump += "\n";
-    }
-    previous = line;
-  }
-  return dump;
-}
-
-std::string DumpInDocument() {
-  std::ifstream document(KQ_SOURCE_FOLDER "/docs/image-format.md");
-  std::ostringstream text;
-  text << document.rdbuf();
-  const std::string all = text.str();
-  const std::string opening = "```hexdump\n";
-  const std::size_t start = all.find(opening);
-  if (start == std::string::npos) return "no dump in the document";
-  const std::size_t first = start + opening.size();
-  return all.substr(first, all.find("```", first) - first);
-}
-
 }  // namespace
 
 TEST(FormatDocument, DumpShowsTheExampleImage) {
-  EXPECT_EQ(DumpInDocument(), RenderDump(ComposeExample()));
+  EXPECT_EQ(kqtest::DumpInDocument(KQ_SOURCE_FOLDER "/docs/image-format.md"),
+            kqtest::RenderDump(ComposeExample()));
 }
 
 TEST(FormatDocument, ExampleImageReadsAsTheDocumentTells) {
