@@ -1,0 +1,113 @@
+// Sparse files: random writes of 4 KiB into a fresh file, and random reads of the same size, with
+// as many extents as the argument says and a cache of 1000 nodes (some 200 thousand extents). What
+// one operation costs should hardly depend on the number of extents.
+//
+// The files lie in the folder that KQ_BENCH_FOLDER names, else in /tmp: a million extents take 4
+// GB.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kqimageapi.h"
+
+namespace {
+
+constexpr std::uint32_t kBlock = 4096;
+constexpr std::uint16_t kCacheNodes = 1000;
+
+void Require(const KQStatus& status, const char* what) {
+  if (status.status == 0) return;
+  std::fprintf(stderr, "%s failed with %d\n", what, status.status);
+  std::exit(1);
+}
+
+struct FreeMemory {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+// A block at the address that a transfer can use as it is.
+std::unique_ptr<std::uint8_t, FreeMemory> MakeBlock() {
+  auto* block = static_cast<std::uint8_t*>(std::aligned_alloc(kBlock, kBlock));
+  std::memset(block, 0x5A, kBlock);
+  return std::unique_ptr<std::uint8_t, FreeMemory>(block);
+}
+
+// Volume offsets of blocks no two of which are the same or adjacent, in random order.
+std::vector<std::uint64_t> ScatteredOffsets(std::uint64_t count) {
+  std::vector<std::uint64_t> offsets(count);
+  std::iota(offsets.begin(), offsets.end(), 0);
+  std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(count));
+  for (std::uint64_t& offset : offsets) offset *= 4 * kBlock;
+  return offsets;
+}
+
+// A sparse file that is removed with the object.
+class BenchFile {
+ public:
+  BenchFile() {
+    static int number = 0;
+    const char* folder = std::getenv("KQ_BENCH_FOLDER");
+    const std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/kqsparse-bench-" +
+                             std::to_string(getpid()) + "-" + std::to_string(++number);
+    Require(KQSparseFileOpen2(path.c_str(), KQ_SPARSE_CREATE_NEW, 0, kCacheNodes, &handle_),
+            "open");
+  }
+  ~BenchFile() { KQSparseFileClose(handle_, 1); }
+  BenchFile(const BenchFile&) = delete;
+  BenchFile& operator=(const BenchFile&) = delete;
+
+  void Write(const std::vector<std::uint64_t>& offsets) {
+    const auto block = MakeBlock();
+    for (const std::uint64_t offset : offsets) {
+      Require(KQSparseFileWrite(handle_, offset, block.get(), kBlock, nullptr), "write");
+    }
+  }
+
+  std::uint64_t handle() const { return handle_; }
+
+ private:
+  std::uint64_t handle_ = 0;
+};
+
+void RandomWrites(benchmark::State& state) {
+  const auto offsets = ScatteredOffsets(static_cast<std::uint64_t>(state.range(0)));
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto file = std::make_unique<BenchFile>();
+    state.ResumeTiming();
+    file->Write(offsets);
+    state.PauseTiming();
+    file.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(RandomWrites)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
+
+void RandomReads(benchmark::State& state) {
+  auto offsets = ScatteredOffsets(static_cast<std::uint64_t>(state.range(0)));
+  BenchFile file;
+  file.Write(offsets);
+  std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(7));
+  const auto block = MakeBlock();
+  std::size_t next = 0;
+  for (auto _ : state) {
+    Require(KQSparseFileRead(file.handle(), offsets[next], block.get(), kBlock, nullptr), "read");
+    if (++next == offsets.size()) next = 0;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(RandomReads)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
