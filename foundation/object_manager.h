@@ -33,6 +33,18 @@ KQStatus ObjectRelease(std::uint8_t deleting, ObjectRecord* record);
 // Takes a handle out of the table and waits until the caller is alone with its object.
 KQStatus ObjectTake(std::uint64_t handle, void** object);
 
+// Runs operation(object) on the object behind a handle, which is locked meanwhile. The status is
+// the operation's; -87 unknown handle.
+template <class Operation>
+KQStatus WithObject(std::uint64_t handle, Operation operation) {
+  ObjectRecord* record = nullptr;
+  void* object = nullptr;
+  KQ_RETURN_IF_FAILED(ObjectAcquire(handle, 0, &record, &object));
+  const KQStatus status = operation(object);
+  ObjectRelease(0, record);
+  return status;
+}
+
 // Set-up at load and tear-down at unload. Handles still open then are abandoned: their objects are
 // neither closed nor freed.
 void ObjectManagerStart();

@@ -12,13 +12,14 @@ ImageChain::~ImageChain() {
   }
 }
 
-KQStatus ChainClose(std::uint64_t handle) {
+KQStatus ChainClose(std::uint64_t handle, const OverlayClosing& closing) {
   void* object = nullptr;
   KQ_RETURN_IF_FAILED(ObjectTake(handle, &object));
-  // From here on this thread is alone with the chain. An overlay is closed before the members are
-  // released, since the newest member is the parent of what it may become.
-  Owned<ImageChain>(static_cast<ImageChain*>(object)).reset();
-  return Success();
+  // From here on this thread is alone with the chain.
+  const Owned<ImageChain> chain(static_cast<ImageChain*>(object));
+  if (!chain->Sparse) return Success();
+  // Before the members are released: the newest is the parent of what the overlay may become.
+  return chain->Sparse.release()->CloseAndFree(chain->Members.last()->File, closing);
 }
 
 }  // namespace kq

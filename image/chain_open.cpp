@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "foundation/little_endian.h"
 #include "foundation/object_manager.h"
@@ -75,16 +76,16 @@ KQStatus OpenMembers(const CandidateList& candidates, const char* password, Imag
 KQStatus ChainOpen(const char* files, const char* password, std::uint64_t sparse,
                    std::uint64_t* handle) {
   *handle = 0;
-  SparseFile* overlay = nullptr;
+  // The overlay belongs to this chain from here on, also if the open fails below.
+  ChainOverlayOwner overlay;
   if (sparse != 0) {
     void* object = nullptr;
     KQ_RETURN_IF_FAILED(ObjectTake(sparse, &object));
-    overlay = static_cast<SparseFile*>(object);
+    overlay.reset(static_cast<ChainOverlay*>(object));
   }
-  // The sparse file belongs to this chain now, also if the open fails below.
   Owned<ImageChain> chain = MakeOwned<ImageChain>();
   if (!chain) return KQ_FAIL(kNotEnoughMemory);
-  chain->Sparse = overlay;
+  chain->Sparse = std::move(overlay);
 
   CandidateList named;
   KQ_RETURN_IF_FAILED(ReadCandidates(files, &named));

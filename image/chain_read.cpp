@@ -1,5 +1,5 @@
 // A read in two passes: from the newest file to the oldest, find which runs deliver the range; then
-// copy them in volume order through the chunk cache.
+// copy them in volume order through the chunk cache. An overlay is laid over the result.
 #include <algorithm>
 #include <cstring>
 
@@ -188,8 +188,7 @@ KQStatus ChainRead(const ImageChain& chain, std::uint64_t offset, std::uint8_t* 
   KQ_RETURN_IF_FAILED(FindPieces(chain, range, &pieces));
   KQ_RETURN_IF_FAILED(CopyPieces(pieces, range, &target));
   target.ZeroRest();
-  // An overlay is laid over the buffer here; a chain without one is done.
-  return Success();
+  return chain.Sparse ? chain.Sparse->ReadInto(offset, buffer, length) : Success();
 }
 
 }  // namespace kq

@@ -10,16 +10,7 @@ namespace {
 
 constexpr char kModule[] = "kqimageapi";
 
-KQStatus ReadThroughHandle(std::uint64_t handle, std::uint64_t offset, void* buffer,
-                           std::uint32_t length) {
-  kq::ObjectRecord* record = nullptr;
-  void* object = nullptr;
-  KQ_RETURN_IF_FAILED(kq::ObjectAcquire(handle, 0, &record, &object));
-  const KQStatus status = kq::ChainRead(*static_cast<kq::ImageChain*>(object), offset,
-                                        static_cast<std::uint8_t*>(buffer), length);
-  kq::ObjectRelease(0, record);
-  return status;
-}
+kq::ImageChain& ChainOf(void* object) { return *static_cast<kq::ImageChain*>(object); }
 
 }  // namespace
 
@@ -40,7 +31,9 @@ KQ_API KQStatus KQImageFilesRead(uint64_t handle, uint64_t offset, void* buffer,
     if (buffer != nullptr) std::memset(buffer, 0, length);
     return KQ_FAIL(kInvalidParameter);
   }
-  const KQStatus status = ReadThroughHandle(handle, offset, buffer, length);
+  const KQStatus status = kq::WithObject(handle, [&](void* object) {
+    return kq::ChainRead(ChainOf(object), offset, static_cast<std::uint8_t*>(buffer), length);
+  });
   if (kq::Failed(status)) {
     // A client never gets half a buffer with a failure.
     std::memset(buffer, 0, length);
@@ -48,6 +41,18 @@ KQ_API KQStatus KQImageFilesRead(uint64_t handle, uint64_t offset, void* buffer,
   }
   if (bytesRead != nullptr) *bytesRead = length;
   return status;
+}
+
+KQ_API KQStatus KQImageFilesWrite(uint64_t handle, uint64_t offset, const void* buffer,
+                                  uint32_t size, uint32_t* bytesWritten) {
+  if (bytesWritten != nullptr) *bytesWritten = 0;
+  if (size == 0 || buffer == nullptr || handle == 0) return KQ_FAIL(kInvalidParameter);
+  KQ_RETURN_IF_FAILED(kq::WithObject(handle, [&](void* object) {
+    const kq::ChainOverlayOwner& overlay = ChainOf(object).Sparse;
+    return overlay ? overlay->WriteFrom(offset, buffer, size) : KQ_FAIL(kWriteProtect);
+  }));
+  if (bytesWritten != nullptr) *bytesWritten = size;
+  return kq::Success();
 }
 
 KQ_API KQStatus KQImageFilesClose(uint64_t handle, const char* newImageFile, const char* comment,
@@ -61,10 +66,10 @@ KQ_API KQStatus KQImageFilesClose2(uint64_t handle, const char* newImageFile, co
 }
 
 // All arguments but the handle matter only to a chain with a sparse file.
-KQ_API KQStatus KQImageFilesClose3(uint64_t handle, const char* /*newImageFile*/,
-                                   const char* /*comment*/, uint8_t /*deleteSparse*/,
-                                   const uint8_t* /*imageId*/, const uint64_t* /*sourceSize*/) {
-  return kq::ChainClose(handle);
+KQ_API KQStatus KQImageFilesClose3(uint64_t handle, const char* newImageFile, const char* comment,
+                                   uint8_t deleteSparse, const uint8_t* imageId,
+                                   const uint64_t* sourceSize) {
+  return kq::ChainClose(handle, {newImageFile, comment, imageId, sourceSize, deleteSparse != 0});
 }
 
 }  // extern "C"

@@ -123,6 +123,14 @@ KQStatus OpenNewImageFile(NewImageFile* image, const char* fileName, const char*
 KQStatus AppendSectors(NewImageFile* image, const std::uint8_t* data, std::uint32_t size,
                        std::uint64_t offset);
 
+// The same for data that is fetched when a chunk has room for it: fetch copies count bytes, which
+// stand position bytes behind the first, to target. Its failure ends the call; the pieces fetched
+// before stay in the image.
+using SectorFetch = KQStatus (*)(void* context, std::uint32_t position, std::uint8_t* target,
+                                 std::uint32_t count);
+KQStatus AppendFetchedSectors(NewImageFile* image, SectorFetch fetch, void* context,
+                              std::uint32_t size, std::uint64_t offset);
+
 // Appends what ChunkBuffer holds to the file as one chunk, in one write, enters it in the index and
 // begins a new chunk. An empty chunk is only begun anew.
 //

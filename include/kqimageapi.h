@@ -351,45 +351,62 @@ KQ_API KQStatus KQImageFileFixHeader(const char* path, const char* password, uin
  *   image, its increments up to the newest, and all parts of each.
  * password: opens enciphered images; null if there is none. A file that is open in this process
  *   already is shared and keeps the password of its first open.
- * sparse: handle of a sparse file to lay over the chain, or 0. It belongs to the chain from here
- *   on, also if the open fails.
+ * sparse: handle of a sparse file to lay over the chain, or 0. Reads of the chain see what the
+ *   sparse file holds on top of all files, KQImageFilesWrite writes into it, and KQImageFilesClose
+ *   closes it. The call waits for one that is running on the handle in another thread. Then the
+ *   handle is gone, also if the open fails further on: the sparse file is closed then, and stays on
+ *   the disk with all its changes. Only a null argument leaves the handle alone.
  * handle: receives the new handle, to be closed with KQImageFilesClose.
  *
- * Statuses: -87 files or handle null; -18 the files do not form one complete chain; -1392 a file
- * is damaged or unfinished; -1630 a file's compression type can't be read back; -86 password
- * missing or wrong; -8 out of memory; others as the operating system reports. */
+ * Statuses: -87 files or handle null, or sparse unknown; -18 the files do not form one complete
+ * chain; -1392 a file is damaged or unfinished; -1630 a file's compression type can't be read back;
+ * -86 password missing or wrong; -8 out of memory; others as the operating system reports. */
 KQ_API KQStatus KQImageFilesOpen(const char* files, const char* password, uint64_t sparse,
                                  uint64_t* handle);
 
 /* Reads length bytes of the volume from offset, at any alignment, into buffer.
  *
- * What no file holds reads as zero, also beyond the volume's end.
+ * What no file holds reads as zero, also beyond the volume's end. What the chain's sparse file
+ * holds wins over all image files.
  * bytesRead: receives length on success and 0 on a failure; may be null. On a failure the buffer
  *   is zeroed. There is no partial success.
  * A chunk whose compressed stream is damaged reads as zero, and so does the rest of the range.
  *
  * Statuses: -87 length 0, buffer null, handle 0 or unknown, or a chunk that points into the header;
- * -1392 and -13 damaged chunk; -6001 a chunk that can't be deciphered; -8 out of memory; others as
- * the operating system reports. */
+ * -1392 and -13 damaged chunk; -6001 a chunk that can't be deciphered; -8 out of memory; those of
+ * KQSparseFileRead for what the sparse file holds; others as the operating system reports. */
 KQ_API KQStatus KQImageFilesRead(uint64_t handle, uint64_t offset, void* buffer, uint32_t length,
                                  uint32_t* bytesRead);
 
 /* Writes size bytes of the volume at offset into the sparse file that the chain was opened with, on
- * top of the chain. The chain's files stay as they are.
+ * top of the chain. The chain's files stay as they are. Any range will do; only ranges of whole
+ * sectors of the chain's newest file can become an image when the chain is closed.
  *
  * bytesWritten: receives size on success and 0 on a failure; may be null.
  *
- * Statuses: -19 the chain has no sparse file; others as KQSparseFileWrite. */
+ * Statuses: -87 size 0, buffer null, handle 0 or unknown, or a range beyond offset 2^63 - 1; -19
+ * the chain has no sparse file, or one that was opened for reading only; others as
+ * KQSparseFileWrite. */
 KQ_API KQStatus KQImageFilesWrite(uint64_t handle, uint64_t offset, const void* buffer,
                                   uint32_t size, uint32_t* bytesWritten);
 
 /* Closes a chain. The handle is gone when the call returns, whatever the status; a call that is
- * running on it in another thread completes first.
+ * running on it in another thread completes first. The chain's files are given up in all cases.
  *
- * newImageFile, comment, deleteSparse, imageId, sourceSize: for a chain with a sparse file only,
- *   ignored otherwise; each pointer may be null.
+ * The other arguments matter to a chain with a sparse file only; each pointer may be null, and the
+ * shorter forms pass null for those that they lack. First the sparse file becomes a new increment
+ * of the chain's newest file, if newImageFile is not null; then it is closed. Each step runs in all
+ * cases.
  *
- * Statuses: -87 handle unknown. */
+ * newImageFile: the new image's path, as for KQConvertSparseToIncremental3. Null: no image is made.
+ * comment: text for its header, cut to the room there.
+ * deleteSparse: 0: the sparse file stays on the disk with all its changes. Otherwise it is removed,
+ *   even if no image was asked for or none could be made.
+ * imageId: 16 bytes for the new image's ImageId; null for a generated one.
+ * sourceSize: the new image's SourceSize; null for that of the chain's newest file.
+ *
+ * Statuses: -87 handle unknown, then nothing was closed; else as KQConvertSparseToIncremental3 if
+ * the image could not be made, else as KQSparseFileClose if the sparse file could not be closed. */
 KQ_API KQStatus KQImageFilesClose(uint64_t handle, const char* newImageFile, const char* comment,
                                   uint8_t deleteSparse);
 KQ_API KQStatus KQImageFilesClose2(uint64_t handle, const char* newImageFile, const char* comment,
@@ -413,10 +430,11 @@ KQ_API KQStatus KQImageFilesClose3(uint64_t handle, const char* newImageFile, co
  * imageId: 16 bytes for ImageId, or null for a generated one.
  * handle: receives the handle, for one thread at a time. Nothing checks it later.
  *
- * Statuses: -87 template null, its sector size 0, its magic wrong, its header above 1 MiB, or no
- * password where one is needed; -1392 imageId all zero or equal to the parent's; -86 password not
- * usable; -8 out of memory or unknown compression type; -6000 enciphering failed; others as the
- * operating system reports. A file that was created stays on a failure; no reader accepts it. */
+ * Statuses: -87 handle or template null, the template's sector size 0, its magic wrong, its header
+ * above 1 MiB, or no password where one is needed; -1392 imageId all zero or equal to the parent's;
+ * -86 password not usable; -8 out of memory or unknown compression type; -6000 enciphering failed;
+ * others as the operating system reports. A file that was created stays on a failure; no reader
+ * accepts it. */
 KQ_API KQStatus KQNewImageFileCreate2(const void* headerTemplate, uint32_t templateBytes,
                                       const char* password, const char* fileName,
                                       const uint64_t* sourceSize, const uint64_t* carriedValue1,
@@ -424,11 +442,14 @@ KQ_API KQStatus KQNewImageFileCreate2(const void* headerTemplate, uint32_t templ
                                       uint64_t* handle);
 
 /* Appends size bytes that stand at byte offset of the volume. Both should be multiples of the
- * image's sector size. Pieces may come in any order; where two overlap, readers see the one in the
- * chunk that stands first in the file's index.
+ * image's sector size. Pieces are stored in the order in which they come, whatever it is. Readers
+ * search a file's pieces as ascending ones, so pieces should go up on the volume for all of them to
+ * be found; where two overlap, readers see the one in the chunk that stands first in the file's
+ * index. A size of 0 does nothing.
  *
- * Statuses: -8 out of memory; -13 a chunk too small to compress; -6000 enciphering failed; others
- * as the operating system reports. After a failure the file can only be abandoned. */
+ * Statuses: -87 handle 0 or data null; -8 out of memory; -13 a chunk too small to compress, or the
+ * image's header leaves no room for a chunk; -6000 enciphering failed; others as the operating
+ * system reports. After a failure the file can only be abandoned. */
 KQ_API KQStatus KQNewImageFileWrite(uint64_t handle, const void* data, uint32_t size,
                                     uint64_t offset);
 
@@ -517,6 +538,47 @@ KQ_API KQStatus KQSparseFileGetNumDataBytes(uint64_t handle, uint64_t* dataBytes
  * failure lines on the standard error stream tell the step, what was not yet written is lost, and
  * the file stays open until the process ends. */
 KQ_API KQStatus KQSparseFileClose(uint64_t handle, uint8_t deleteFile);
+
+/* Makes a new increment of an image out of a sparse file. What the sparse file holds becomes the
+ * sectors of the new image, and the new image becomes the child of the parent: its header is the
+ * parent's, with an ImageId of its own and the generation counted on. Neither file is changed.
+ *
+ * sparsePath: must have been closed. It is opened for reading only.
+ * parentPath, password: the parent, and what opens it; the password may be null for one that is not
+ *   enciphered. The parent is opened as by KQImageFilesOpen: one that this process has open already
+ *   keeps the password of its first open. Of a split image the last part is the parent.
+ * newImageFile: created with mode 0644; an existing file is truncated, so it must be neither of the
+ *   two above. It has the parent's sector size, header size, compression type and encryption type,
+ *   and is enciphered under the parent's password with a key of its own. It is removed again if the
+ *   sparse file holds nothing; that is no failure.
+ * comment: UTF-8 text for the header, cut to the room there; may be null.
+ * imageId: 16 bytes for ImageId, or null for a generated one.
+ * sourceSize: for SourceSize; null for the parent's.
+ *
+ * What the sparse file holds should be whole sectors of the parent's size. Any thread may call
+ * this; the sparse file and the new one must not be in use meanwhile.
+ *
+ * The status tells whether the new image was made, not whether it is complete: if the sparse file
+ * turns out to be damaged, or can't be read, the image holds what came before that.
+ *
+ * Statuses: -87 a path null; -2 a file is missing; -1392 no sparse file, one that was not closed, a
+ * damaged parent, or imageId all zero or equal to the parent's; -1630 and -86 as KQImageFilesOpen;
+ * -8 out of memory; -6000 enciphering failed; others as the operating system reports. A new file
+ * that was created stays on a failure; no reader accepts it. */
+KQ_API KQStatus KQConvertSparseToIncremental3(const char* sparsePath, const char* parentPath,
+                                              const char* password, const char* newImageFile,
+                                              const char* comment, const uint8_t* imageId,
+                                              const uint64_t* sourceSize);
+
+/* The same with the parent's SourceSize. */
+KQ_API KQStatus KQConvertSparseToIncremental2(const char* sparsePath, const char* parentPath,
+                                              const char* password, const char* newImageFile,
+                                              const char* comment, const uint8_t* imageId);
+
+/* The same with the parent's SourceSize and a generated identifier. */
+KQ_API KQStatus KQConvertSparseToIncremental(const char* sparsePath, const char* parentPath,
+                                             const char* password, const char* newImageFile,
+                                             const char* comment);
 
 /* Enumerations: catalogues of image files, in memory only.
  *
