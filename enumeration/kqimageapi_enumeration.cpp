@@ -58,7 +58,7 @@ KQ_API KQStatus KQImageFilesEnumerationCreate(uint64_t* handle, int32_t reserved
   return kq::WithoutExceptions([&]() -> KQStatus {
     auto enumeration = std::make_unique<ImageFilesEnumeration>();
     KQ_RETURN_IF_FAILED(kq::ObjectCreate(enumeration.get(), handle));
-    enumeration.release();
+    static_cast<void>(enumeration.release());
     return kq::Success();
   });
 }

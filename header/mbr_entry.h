@@ -3,6 +3,7 @@
 #ifndef KQ_HEADER_MBR_ENTRY_H
 #define KQ_HEADER_MBR_ENTRY_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "foundation/little_endian.h"
@@ -23,8 +24,8 @@ struct MbrEntry {
 
 // table: kMbrTableBytes bytes. index: below kMbrEntries.
 inline MbrEntry LoadMbrEntry(const std::uint8_t* table, std::uint32_t index) {
-  constexpr std::uint32_t kFirstEntry = 446;
-  constexpr std::uint32_t kEntryBytes = 16;
+  constexpr std::size_t kFirstEntry = 446;
+  constexpr std::size_t kEntryBytes = 16;
   const std::uint8_t* const entry = table + kFirstEntry + index * kEntryBytes;
   return {(entry[0] & 0x80) != 0, entry[4], LoadU32(entry + 8), LoadU32(entry + 12)};
 }

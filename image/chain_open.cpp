@@ -93,7 +93,7 @@ KQStatus ChainOpen(const char* files, const char* password, std::uint64_t sparse
   KQ_RETURN_IF_FAILED(OrderCandidates(&named, &ordered));
   KQ_RETURN_IF_FAILED(OpenMembers(ordered, password, chain.get()));
   KQ_RETURN_IF_FAILED(ObjectCreate(chain.get(), handle));
-  chain.release();
+  static_cast<void>(chain.release());
   return Success();
 }
 

@@ -58,7 +58,7 @@ KQ_API KQStatus KQSparseFileOpen2(const char* path, int32_t mode, uint8_t readOn
     kq::UtSparseFileClose(file.get(), mode != KQ_SPARSE_OPEN_EXISTING);
     return status;
   }
-  file.release();
+  static_cast<void>(file.release());
   return status;
 }
 
@@ -92,7 +92,7 @@ KQ_API KQStatus KQSparseFileClose(uint64_t handle, uint8_t deleteFile) {
   const KQStatus status = kq::UtSparseFileClose(file.get(), deleteFile != 0);
   // After a failure the object is abandoned with all that it holds, the open file too: the handle
   // is gone, and closing the file would say that it had been done with.
-  if (kq::Failed(status)) file.release();
+  if (kq::Failed(status)) static_cast<void>(file.release());
   return status;
 }
 

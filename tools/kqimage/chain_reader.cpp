@@ -14,7 +14,7 @@
 namespace kqimage {
 namespace {
 
-constexpr std::size_t kProbeBytes = 64 * 1024;
+constexpr std::size_t kProbeBytes = std::size_t{64} << 10;
 constexpr std::size_t kMaxListedPath = 4095;  // the library cuts a path behind this
 
 // A chain's sectors are at least 512 bytes for its reader, whatever a file says.

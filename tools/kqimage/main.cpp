@@ -60,7 +60,7 @@ int RunCommand(const kqimage::Run& run) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   KeepChunksOutOfTheHeap();
   CLI::App app("Makes, reads and restores backup images of volumes", "kqimage");
   app.set_version_flag("--version", "kqimage " KQIMAGE_VERSION);
@@ -77,6 +77,7 @@ int main(int argc, char** argv) {
   kqimage::AddIncrementCommand(app, run);
   kqimage::AddRestoreCommand(app, run);
   kqimage::AddInfoCommand(app, run);
+  kqimage::AddRepairCommand(app, run);
 
   try {
     app.parse(argc, argv);
@@ -84,4 +85,6 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
   return RunCommand(run);
+} catch (const std::exception& exception) {
+  return Fail(exception.what(), kExitFailure);
 }
