@@ -162,6 +162,7 @@ Chain FindChain(const std::string& newest) {
 
 Chain OrderChain(const std::vector<std::string>& paths) {
   std::vector<ImageFile> files;
+  files.reserve(paths.size());
   for (const std::string& path : paths) files.push_back(ReadImageFile(path));
   for (auto file = files.begin(); file != files.end(); ++file) {
     const auto identity = IdentityOf(file->path);
@@ -190,7 +191,7 @@ Chain OrderChain(const std::vector<std::string>& paths) {
     throw Failure("the files form a circle: each is the parent of another");
   }
 
-  const Chain chain = AssembleChain(*newest, files, "among those given");
+  Chain chain = AssembleChain(*newest, files, "among those given");
   for (const ImageFile& file : files) {
     const bool isUsed = std::any_of(chain.begin(), chain.end(),
                                     [&](const ImageFile& used) { return used.path == file.path; });

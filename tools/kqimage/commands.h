@@ -14,6 +14,7 @@ void AddCreateCommand(CLI::App& app, Run& run);
 void AddIncrementCommand(CLI::App& app, Run& run);
 void AddRestoreCommand(CLI::App& app, Run& run);
 void AddInfoCommand(CLI::App& app, Run& run);
+void AddRepairCommand(CLI::App& app, Run& run);
 
 }  // namespace kqimage
 

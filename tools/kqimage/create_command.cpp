@@ -20,7 +20,7 @@
 #include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/text.h"
-#include "kqimage/volume_source.h"
+#include "kqimage/volume_origin.h"
 
 namespace kqimage {
 namespace {
@@ -28,6 +28,7 @@ namespace {
 constexpr char kExamples[] = R"(Examples:
   kqimage create /dev/sdb1 /backup/data.twf
   kqimage create --compress lzo-huffman --comment "before the upgrade" disk.img disk.twf
+  kqimage create --partition 2 disk.img second.twf
   kqimage create --encrypt aes256 /dev/sdb1 /backup/data.twf
   kqimage create --encrypt aes256 --password-command "pass show backup" /dev/sdb1 data.twf
 
@@ -37,15 +38,15 @@ nobody can read the image again.
 What reads as zero is not stored. A volume that is no whole number of sectors is filled up with
 zeros in the image; a restore gives back exactly its bytes.)";
 
-// 512 bytes because that is the sector of every volume, so nothing is filled up, and because little
+// 512 bytes because that is the sector of most volumes, so nothing is filled up, and because little
 // is lost in the last sector of a chunk. The 504 bytes for a chunk's list of stretches hold about a
 // hundred scattered ones, which at a file system's 4 KiB still makes chunks of 400 KiB.
 constexpr std::uint32_t kDefaultSectorSize = 512;
 
 struct CreateOptions {
-  std::string source;
+  SourceOptions source;
   std::string image;
-  std::uint32_t sectorSize = kDefaultSectorSize;
+  std::optional<std::uint32_t> sectorSize;
   std::uint32_t encryption = KQ_ENCRYPTION_NONE;
   PasswordOptions password;
   ImageOptions common;
@@ -88,6 +89,27 @@ void RefuseUselessPassword(const CreateOptions& options) {
   throw UsageFailure("a password enciphers nothing without --encrypt");
 }
 
+// A header can keep the tables of a disk only if its sectors have the size of the disk's.
+std::uint32_t ChooseSectorSize(const CreateOptions& options, const VolumeOrigin& origin) {
+  if (options.sectorSize) return *options.sectorSize;
+  return origin.tables ? origin.tables->sectorSize : kDefaultSectorSize;
+}
+
+// Prints what the image should tell of a partition's place, and doesn't.
+void PrintOriginDoubt(const VolumeOrigin& origin, const HeaderTemplate& header,
+                      const std::string& image) {
+  if (origin.disk.empty()) return;
+  if (!origin.tables) {
+    fmt::print("{} does not tell its place on the disk: the tables of {} can't be read\n",
+               Printable(image), Printable(origin.disk));
+  } else if (origin.tables->sectorSize != header.sectorSize) {
+    fmt::print(
+        "{} does not tell its place on the disk: for that it needs --sector-size {}, as {} "
+        "has it\n",
+        Printable(image), origin.tables->sectorSize, Printable(origin.disk));
+  }
+}
+
 void StoreVolume(const VolumeSource& source, ImageWriter& writer, Progress& progress) {
   ReadAhead pieces(source.Pieces(VolumeSource::Holes::kJoined));
   while (const Piece* piece = pieces.Next()) {
@@ -111,19 +133,21 @@ void Create(const CreateOptions& options) {
         fmt::format("{}: the name of a full image ends in .twf", Printable(options.image)));
   }
   RefuseUselessPassword(options);
-  RefuseSharedInput(options.password, std::span(&options.source, 1));
-  const HeaderTemplate header =
-      MakeBaseTemplate(options.sectorSize, options.common.compression.value_or(KQ_COMPRESSION_LZO),
-                       options.encryption);
+  RefuseSharedInput(options.password, std::span(&options.source.path, 1));
+  const auto [source, origin] =
+      OpenVolume(options.source, options.sectorSize.value_or(kDefaultSectorSize));
+  HeaderTemplate header =
+      MakeBaseTemplate(ChooseSectorSize(options, origin),
+                       options.common.compression.value_or(KQ_COMPRESSION_LZO), options.encryption);
   CheckCommentFits(header, options.common.comment);
-  const VolumeSource source(options.source);
-  if (IdentityOf(options.source) == IdentityOf(options.image)) {
+  if (IdentityOf(options.source.path) == IdentityOf(options.image)) {
     throw Failure(fmt::format("{} is the volume itself", Printable(options.image)));
   }
   Password password;
   if (options.encryption != KQ_ENCRYPTION_NONE) {
     ObtainPassword(options.password, "the new image " + options.image, Asking::kTwice, password);
   }
+  AddHeaderSectors(header, OriginSectors(origin, header.sectorSize), password.CString());
   OutputFile output(
       options.image,
       options.common.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
@@ -140,9 +164,10 @@ void Create(const CreateOptions& options) {
   }
   if (options.common.quiet) return;
   fmt::print("{}: full image of {}, {} of {} stored in {}, {:.1f} s\n", Printable(options.image),
-             Printable(options.source), SizeText(writer.StoredBytes()), SizeText(source.Size()),
+             SourceName(options.source), SizeText(writer.StoredBytes()), SizeText(source.Size()),
              SizeText(std::filesystem::file_size(options.image)), seconds);
   PrintReadingDoubt(header, options.image);
+  PrintOriginDoubt(origin, header, options.image);
 }
 
 }  // namespace
@@ -150,15 +175,14 @@ void Create(const CreateOptions& options) {
 void AddCreateCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<CreateOptions>();
   CLI::App* command = app.add_subcommand("create", "Make a full image of a volume");
-  command->add_option("SOURCE", options->source, "The volume: a block device or a regular file")
-      ->required()
-      ->type_name("");
+  AddSourceOptions(*command, options->source);
   command->add_option("IMAGE", options->image, "The new image, NAME.twf")
       ->required()
       ->type_name("");
   command
       ->add_option("--sector-size", options->sectorSize,
-                   "512, 1024, 2048 or 4096 bytes; 512 without this option")
+                   "512, 1024, 2048 or 4096 bytes; without this option those of the disk that "
+                   "SOURCE is a partition of, else 512")
       ->check(CheckSectorSize)
       ->type_name("BYTES");
   CLI::Option* encrypt =

@@ -10,6 +10,8 @@
 #include <cstring>
 
 #include "kqimage/failure.h"
+#include "kqimage/read_at.h"
+#include "kqimage/sealed_sectors.h"
 #include "kqimage/text.h"
 #include "kqimage/unique_fd.h"
 
@@ -29,14 +31,8 @@ void FillRandomId(std::uint8_t (&id)[16]) {
 }
 
 void ReadExactly(const UniqueFd& file, std::span<std::byte> bytes, const std::string& path) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got =
-        pread(file.Get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) FailErrno(errno, "read the header of", path);
-    if (got == 0) throw Failure(fmt::format("{} ends in its header", Printable(path)));
-    done += static_cast<std::size_t>(got);
+  if (ReadAt(file.Get(), 0, bytes, path) != bytes.size()) {
+    throw Failure(fmt::format("{} ends in its header", Printable(path)));
   }
 }
 
@@ -88,6 +84,26 @@ HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compress
   std::memcpy(made.bytes.data(), &header, sizeof header);
   EnsureExtendedRecord(made, header);
   return made;
+}
+
+void AddHeaderSectors(HeaderTemplate& header, std::span<const std::byte> sectors,
+                      const char* password) {
+  if (sectors.empty()) return;
+  ImageHeader fields = header.Fields();
+  header.bytes.insert(header.bytes.end(), sectors.begin(), sectors.end());
+  fields.HeaderSectors += static_cast<std::uint32_t>(sectors.size() / fields.SectorSize);
+  if (fields.EncryptionType != KQ_ENCRYPTION_NONE) {
+    const SealedSectors sealed = SealSectors(fields, sectors, password);
+    const auto first = std::span(header.bytes).first(fields.SectorSize);
+    const auto later = std::span(header.bytes).subspan(fields.SectorSize);
+    // The empty comment and the record move behind the key.
+    std::copy_backward(first.begin() + sizeof fields, first.end() - std::ssize(sealed.keyBlob),
+                       first.end());
+    std::copy(sealed.keyBlob.begin(), sealed.keyBlob.end(), first.begin() + sizeof fields);
+    std::copy(sealed.sectors.begin(), sealed.sectors.end(), later.begin());
+    fields.KeyBlobLength = static_cast<std::uint16_t>(sealed.keyBlob.size());
+  }
+  std::memcpy(header.bytes.data(), &fields, sizeof fields);
 }
 
 HeaderTemplate MakeIncrementTemplate(const ImageFile& parent, std::uint32_t compressionType) {

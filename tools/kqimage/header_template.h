@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@ struct HeaderTemplate {
 };
 
 // For the base image of a new set, with an identifier of its own for the set.
+// It has one sector; AddHeaderSectors adds more.
 HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compressionType,
                                 std::uint32_t encryptionType);
 
@@ -28,6 +30,11 @@ HeaderTemplate MakeBaseTemplate(std::uint32_t sectorSize, std::uint32_t compress
 // parent it has the further sectors as they lie in the file, and the KeyBlob with which the library
 // deciphers them; the new image gets a key of its own.
 HeaderTemplate MakeIncrementTemplate(const ImageFile& parent, std::uint32_t compressionType);
+
+// Adds sectors behind the first, which is as MakeBaseTemplate has made it. Of an enciphered image
+// they become enciphered under the password.
+void AddHeaderSectors(HeaderTemplate& header, std::span<const std::byte> sectors,
+                      const char* password);
 
 // Throws a UsageFailure if the comment does not fit in the new image's first sector, which it
 // shares with the key and the checksums.

@@ -22,8 +22,8 @@
 #include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/text.h"
+#include "kqimage/volume_origin.h"
 #include "kqimage/volume_pieces.h"
-#include "kqimage/volume_source.h"
 
 namespace kqimage {
 namespace {
@@ -39,7 +39,7 @@ names are. If nothing has changed, no file is made. An increment on an enciphere
 in the same way, under the same password.)";
 
 struct IncrementOptions {
-  std::string source;
+  SourceOptions source;
   std::string image;
   std::string out;
   std::vector<std::string> chain;
@@ -120,12 +120,12 @@ void Increment(const IncrementOptions& options) {
   if (!HasExtension(out, ".twi")) {
     throw UsageFailure(fmt::format("{}: the name of an increment ends in .twi", Printable(out)));
   }
-  const VolumeSource source(options.source);
   const Chain chain = ResolveChain(options);
+  const VolumeSource source = OpenVolume(options.source, chain.back().info.sectorSize).source;
   RefuseUnreadable(chain);
-  RefuseOwnInput(out, options.source, chain);
+  RefuseOwnInput(out, options.source.path, chain);
   RefuseUselessPassword(options, chain);
-  RefuseSharedInput(options.password, std::span(&options.source, 1));
+  RefuseSharedInput(options.password, std::span(&options.source.path, 1));
   const ImageFile& parent = chain.back();
   const HeaderTemplate header = MakeIncrementTemplate(
       parent, options.common.compression.value_or(parent.info.compressionType));
@@ -156,12 +156,12 @@ void Increment(const IncrementOptions& options) {
   if (reader.TakesAnyPassword()) PrintPasswordDoubt();
   PrintReadingDoubt(header, out);
   if (writer.StoredBytes() == 0) {
-    fmt::print("{} has not changed since {}: no image made\n", Printable(options.source),
+    fmt::print("{} has not changed since {}: no image made\n", SourceName(options.source),
                Printable(options.image));
     return;
   }
   fmt::print("{}: increment of {} since {}, {} of {} stored in {}, {:.1f} s\n", Printable(out),
-             Printable(options.source), Printable(options.image), SizeText(writer.StoredBytes()),
+             SourceName(options.source), Printable(options.image), SizeText(writer.StoredBytes()),
              SizeText(source.Size()), SizeText(std::filesystem::file_size(out)), seconds);
 }
 
@@ -171,9 +171,7 @@ void AddIncrementCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<IncrementOptions>();
   CLI::App* command =
       app.add_subcommand("increment", "Make an image of what has changed since an earlier image");
-  command->add_option("SOURCE", options->source, "The volume: a block device or a regular file")
-      ->required()
-      ->type_name("");
+  AddSourceOptions(*command, options->source);
   command->add_option("IMAGE", options->image, "The image to build on")->required()->type_name("");
   command
       ->add_option("OUT", options->out,

@@ -21,7 +21,8 @@ constexpr char kExamples[] = R"(Examples:
   kqimage info --json /backup/data-i001.twi
   kqimage info --password-file /root/backup-key /backup/secret.twf
 
-No password is needed. One that is given is tried, and a wrong one is a failure.)";
+Without its password, all is told of an enciphered image but the volume's origin. A password that is
+given is tried, and a wrong one is a failure.)";
 
 struct InfoOptions {
   std::string file;
@@ -30,13 +31,12 @@ struct InfoOptions {
 };
 
 // Nothing is asked for on the terminal: without an option there is nothing to try.
-PasswordVerdict TryPassword(const InfoOptions& options, const ImageFile& file) {
+PasswordVerdict TryPassword(const InfoOptions& options, const ImageFile& file, Password& password) {
   RefuseSharedInput(options.password, std::span(&options.file, 1));
   const std::uint32_t encryption = file.info.encryptionType;
   if (!options.password.IsGiven() || encryption == KQ_ENCRYPTION_NONE) {
     return PasswordVerdict::kNotTried;
   }
-  Password password;
   ObtainPassword(options.password, file.path, Asking::kOnce, password);
   CheckPasswordOpens(file, password);
   return encryption == KQ_ENCRYPTION_AES128_UNCHECKED ? PasswordVerdict::kUnchecked
@@ -45,11 +45,16 @@ PasswordVerdict TryPassword(const InfoOptions& options, const ImageFile& file) {
 
 void Info(const InfoOptions& options) {
   const ImageFile file = ReadImageFile(options.file);
+  Password password;
   InfoReport report = {.path = options.file,
                        .fileSize = std::filesystem::file_size(options.file),
                        .info = {},
-                       .password = TryPassword(options, file)};
+                       .password = TryPassword(options, file, password)};
   Check(KQImageFileGetInfo2(options.file.c_str(), &report.info), "read the image", options.file);
+  const bool isPlain = file.info.encryptionType == KQ_ENCRYPTION_NONE;
+  if (isPlain || password.CString() != nullptr) {
+    report.origin = ReadOrigin(options.file, password.CString());
+  }
   fmt::print("{}", options.json ? JsonReport(report) : TextReport(report));
 }
 

@@ -131,6 +131,11 @@ std::string TextReport(const InfoReport& report) {
                                  report.info.flags, basic.flagBit0 != 0 ? "set" : "not set",
                                  basic.flagBit2 != 0 ? "set" : "not set", basic.flagByte));
   AddRecord(report.info, lines);
+  if (report.origin) {
+    for (const auto& [label, value] : OriginLines(*report.origin)) lines.Add(label, value);
+  } else if (report.info.headerSectors > 1) {
+    lines.Add("Origin", "enciphered; with the password it is shown");
+  }
   const std::string comment = Utf8FromUtf16(basic.comment);
   lines.Add("Comment", comment.empty() ? "none" : Printable(comment));
   return lines.Take();
@@ -169,6 +174,8 @@ std::string JsonReport(const InfoReport& report) {
   json["flagBit2"] = basic.flagBit2 != 0;
   json["flagByte"] = basic.flagByte;
   json["record"] = JsonRecord(report.info);
+  json["origin"] = nullptr;
+  if (report.origin) json["origin"] = OriginJson(*report.origin);
   json["comment"] = Utf8FromUtf16(basic.comment);
   // A path may be any bytes; what is not UTF-8 in it is replaced.
   return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";

@@ -1,11 +1,14 @@
-// What kqimage info prints: all that can be known of an image without its password.
+// What kqimage info prints: all that can be known of an image, without its password or with it.
 #ifndef KQIMAGE_INFO_REPORT_H
 #define KQIMAGE_INFO_REPORT_H
 
 #include <kqimageapi.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "kqimage/origin_report.h"
 
 namespace kqimage {
 
@@ -21,6 +24,7 @@ struct InfoReport {
   std::uint64_t fileSize = 0;
   ImageFileInfo2 info = {};
   PasswordVerdict password = PasswordVerdict::kNotTried;
+  std::optional<OriginReport> origin = {};  // none without the password of an enciphered image
 };
 
 // Lines of a label and a value. Carried values that are zero are left out.

@@ -62,7 +62,7 @@ std::string NextIncrementPath(const std::string& image) {
   const std::filesystem::path path(image);
   const NumberedName name = SplitName(path.stem().string());
   for (std::uint64_t number = name.number + 1;; ++number) {
-    const std::string next =
+    std::string next =
         (path.parent_path() / fmt::format("{}{:03}{}.twi", name.before, number, name.behind))
             .string();
     struct stat status = {};

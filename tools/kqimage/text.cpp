@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <kqimageformat.h>
 
+#include <algorithm>
 #include <array>
 
 namespace kqimage {
@@ -193,6 +194,22 @@ std::string Utf8FromUtf16(std::span<const std::uint16_t> units) {
     AppendUtf8(text, character);
   }
   return text;
+}
+
+std::vector<std::uint16_t> Utf16FromUtf8(std::string_view utf8) {
+  std::vector<std::uint16_t> units;
+  while (!utf8.empty()) {
+    char32_t character = 0;
+    const std::size_t length = DecodeUtf8(utf8, character);
+    if (length == 0) character = 0xFFFD;
+    if (character >= 0x10000) {
+      units.push_back(static_cast<std::uint16_t>(0xD800 + ((character - 0x10000) >> 10)));
+      character = 0xDC00 + (character & 0x3FF);
+    }
+    units.push_back(static_cast<std::uint16_t>(character));
+    utf8.remove_prefix(std::max<std::size_t>(length, 1));
+  }
+  return units;
 }
 
 std::optional<std::size_t> Utf16Units(std::string_view utf8) {

@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kqimage {
 
@@ -40,6 +41,9 @@ std::string EncryptionText(std::uint32_t type);
 
 // UTF-8 of the units up to the first zero; an unpaired surrogate becomes U+FFFD.
 std::string Utf8FromUtf16(std::span<const std::uint16_t> units);
+
+// Units of UTF-8 text; a byte that is no part of a character becomes U+FFFD.
+std::vector<std::uint16_t> Utf16FromUtf8(std::string_view utf8);
 
 // How many UTF-16 units the text takes; nothing if it is not valid UTF-8.
 std::optional<std::size_t> Utf16Units(std::string_view utf8);

@@ -54,14 +54,17 @@ class SourcePieces {
     if (!source_->hasHoles_ || next_ < knownDataStart_) {
       return std::max(next_, knownDataStart_);
     }
-    const off_t found = lseek(source_->fd_.Get(), static_cast<off_t>(next_), SEEK_DATA);
+    const off_t found =
+        lseek(source_->fd_.Get(), static_cast<off_t>(source_->start_ + next_), SEEK_DATA);
     if (found >= 0) {
-      knownDataStart_ = std::min(static_cast<std::uint64_t>(found), source_->size_);
+      knownDataStart_ =
+          std::min(static_cast<std::uint64_t>(found) - source_->start_, source_->size_);
     } else if (errno == ENXIO) {
       // Only zero from here to the end, or the file has become shorter. Reading its last byte tells
       // the two apart.
       char last = 0;
-      if (pread(source_->fd_.Get(), &last, 1, static_cast<off_t>(source_->size_ - 1)) != 1) {
+      const std::uint64_t lastAt = source_->start_ + source_->size_ - 1;
+      if (pread(source_->fd_.Get(), &last, 1, static_cast<off_t>(lastAt)) != 1) {
         FailShort(source_->size_ - 1);
       }
       knownDataStart_ = source_->size_;
@@ -75,14 +78,15 @@ class SourcePieces {
     const std::size_t length = static_cast<std::size_t>(piece.length);
     std::size_t done = 0;
     while (done < length) {
-      const off_t position = static_cast<off_t>(piece.offset + done);
-      const ssize_t got = pread(source_->fd_.Get(), piece.buffer + done, length - done, position);
+      const std::uint64_t position = piece.offset + done;
+      const ssize_t got = pread(source_->fd_.Get(), piece.buffer + done, length - done,
+                                static_cast<off_t>(source_->start_ + position));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) {
         throw Failure(fmt::format("cannot read {} at byte {}: {}", Printable(source_->path_),
                                   position, std::generic_category().message(errno)));
       }
-      if (got == 0) FailShort(static_cast<std::uint64_t>(position));
+      if (got == 0) FailShort(position);
       done += static_cast<std::size_t>(got);
     }
     const std::size_t padded = (length + kBlockBytes - 1) / kBlockBytes * kBlockBytes;
@@ -100,7 +104,8 @@ class SourcePieces {
   std::uint64_t knownDataStart_ = 0;  // no data between next_ and here
 };
 
-VolumeSource::VolumeSource(const std::string& path) : path_(path) {
+VolumeSource::VolumeSource(const std::string& path, const std::optional<Extent>& part)
+    : path_(path) {
   // O_NONBLOCK so that a pipe is refused below instead of waiting for its writer.
   fd_ = UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd_) FailErrno(errno, "open", path);
@@ -113,6 +118,14 @@ VolumeSource::VolumeSource(const std::string& path) : path_(path) {
     hasHoles_ = true;
   } else {
     throw Failure(fmt::format("{} is neither a regular file nor a block device", Printable(path)));
+  }
+  if (part) {
+    if (part->start > size_ || part->length > size_ - part->start) {
+      throw Failure(fmt::format("{} ends at byte {}, before the partition's end at byte {}",
+                                Printable(path), size_, part->start + part->length));
+    }
+    start_ = part->start;
+    size_ = part->length;
   }
   if (size_ == 0)
     throw Failure(fmt::format("{} is empty: there is nothing to image", Printable(path)));

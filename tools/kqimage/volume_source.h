@@ -3,6 +3,7 @@
 #define KQIMAGE_VOLUME_SOURCE_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "kqimage/read_ahead.h"
@@ -10,12 +11,21 @@
 
 namespace kqimage {
 
+// A part of a file or device.
+struct Extent {
+  std::uint64_t start = 0;
+  std::uint64_t length = 0;
+};
+
 class VolumeSource {
  public:
-  explicit VolumeSource(const std::string& path);
+  // All of the file or device, or a part of it, which must lie in it.
+  explicit VolumeSource(const std::string& path, const std::optional<Extent>& part = {});
 
   const std::string& Path() const { return path_; }
   std::uint64_t Size() const { return size_; }
+  std::uint64_t Start() const { return start_; }  // of the volume in the file or device
+  int Fd() const { return fd_.Get(); }
 
   // Produces the pieces of the volume in order, on a grid of kPieceBytes: every piece begins at a
   // multiple of it. A cell that lies in a hole of the file is not read; it comes as an isZero
@@ -32,6 +42,7 @@ class VolumeSource {
 
   std::string path_;
   UniqueFd fd_;
+  std::uint64_t start_ = 0;
   std::uint64_t size_ = 0;
   bool hasHoles_ = false;  // the file can be asked for its holes
 };
