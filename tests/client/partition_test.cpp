@@ -152,7 +152,7 @@ TEST_F(PartitionTest, EachPartitionOfAGptDiskIsToldAsSfdiskTellsIt) {
   Shell("sgdisk -o -U 0A1B2C3D-1122-3344-5566-778899AABBCC '" + Path("disk") + "'");
   Shell(
       "sgdisk -n 1:2048:6143 -t 1:0700 -c 1:first -A 1:set:2 -n 2:8192:+20M -t 2:8300"
-      " -c 2:'A name that takes all of thirty-six!' -n 7:100000:0 -t 7:8200 -A 7:set:0 '" +
+      " -c 2:'A name that takes all of thirty-six!' -n 7:100000:+4M -t 7:8200 -A 7:set:0 '" +
       Path("disk") + "'");
   const Json table = Table();
   const std::vector<Partition> partitions = Partitions(table);

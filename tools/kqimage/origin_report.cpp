@@ -190,6 +190,10 @@ nlohmann::ordered_json OriginJson(const OriginReport& report) {
                                  {"extraBytes", std::uint32_t{info.extraBytes}},
                                  {"trailingSectors", std::uint32_t{info.trailingSectors}},
                                  {"hasDiskInfo", info.diskInfoPresent != 0}};
+  for (const char* key : {"diskValue1", "diskValue2", "diskValue3", "partitionStyle",
+                          "partitionNumber", "table", "partition"}) {
+    json[key] = nullptr;
+  }
   if (info.diskInfoPresent == 0) return json;
   json["diskValue1"] = std::uint64_t{info.diskValue1};
   json["diskValue2"] = std::uint32_t{info.diskValue2};
