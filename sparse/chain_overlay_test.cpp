@@ -131,9 +131,9 @@ TEST_F(ChainOverlayRead, OverlayBeatsAllFilesAndTheirHoles) {
     model.Write(static_cast<std::int64_t>(offset), data);
     SetBytes(&volume_, offset, data);
   }
-  const std::uint64_t chain = OpenChain(
-      images_.Write("i.twi", increment) + "|" + images_.Write("base.twf", base_),
-      OpenModelHandle(model));
+  const std::uint64_t chain =
+      OpenChain(images_.Write("i.twi", increment) + "|" + images_.Write("base.twf", base_),
+                OpenModelHandle(model));
   ExpectRead(chain, 0, volume_);
   ExpectRead(chain, 500, Slice(volume_, 500, 30000));
   for (const std::size_t offset : {2U, 3U, 1002U, 1003U, 19U * 512, 100U * 512 + 6, 190U * 512}) {
