@@ -5,6 +5,8 @@
 // The files lie in the folder that KQ_BENCH_FOLDER names, else in /tmp: a million extents take 4
 // GB.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,7 +24,6 @@
 namespace {
 
 constexpr std::uint32_t kBlock = 4096;
-constexpr std::uint16_t kCacheNodes = 1000;
 
 void Require(const KQStatus& status, const char* what) {
   if (status.status == 0) return;
@@ -53,12 +54,13 @@ std::vector<std::uint64_t> ScatteredOffsets(std::uint64_t count) {
 // A sparse file that is removed with the object.
 class BenchFile {
  public:
-  BenchFile() {
+  explicit BenchFile(std::int64_t cacheNodes) {
     static int number = 0;
     const char* folder = std::getenv("KQ_BENCH_FOLDER");
-    const std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/kqsparse-bench-" +
-                             std::to_string(getpid()) + "-" + std::to_string(++number);
-    Require(KQSparseFileOpen2(path.c_str(), KQ_SPARSE_CREATE_NEW, 0, kCacheNodes, &handle_),
+    path_ = std::string(folder != nullptr ? folder : "/tmp") + "/kqsparse-bench-" +
+            std::to_string(getpid()) + "-" + std::to_string(++number);
+    Require(KQSparseFileOpen2(path_.c_str(), KQ_SPARSE_CREATE_NEW, 0,
+                              static_cast<std::uint16_t>(cacheNodes), &handle_),
             "open");
   }
   ~BenchFile() { KQSparseFileClose(handle_, 1); }
@@ -73,8 +75,10 @@ class BenchFile {
   }
 
   std::uint64_t handle() const { return handle_; }
+  const std::string& path() const { return path_; }
 
  private:
+  std::string path_;
   std::uint64_t handle_ = 0;
 };
 
@@ -82,7 +86,7 @@ void RandomWrites(benchmark::State& state) {
   const auto offsets = ScatteredOffsets(static_cast<std::uint64_t>(state.range(0)));
   for (auto _ : state) {
     state.PauseTiming();
-    auto file = std::make_unique<BenchFile>();
+    auto file = std::make_unique<BenchFile>(state.range(1));
     state.ResumeTiming();
     file->Write(offsets);
     state.PauseTiming();
@@ -91,11 +95,14 @@ void RandomWrites(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(RandomWrites)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
+BENCHMARK(RandomWrites)
+    ->Args({10'000, 1000})
+    ->Args({1'000'000, 1000})
+    ->Unit(benchmark::kMillisecond);
 
 void RandomReads(benchmark::State& state) {
   auto offsets = ScatteredOffsets(static_cast<std::uint64_t>(state.range(0)));
-  BenchFile file;
+  BenchFile file(state.range(1));
   file.Write(offsets);
   std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(7));
   const auto block = MakeBlock();
@@ -106,7 +113,51 @@ void RandomReads(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(RandomReads)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(RandomReads)
+    ->Args({10'000, 1000})
+    ->Args({1'000'000, 1000})
+    ->Args({1'000'000, 65535})
+    ->Unit(benchmark::kMicrosecond);
+
+void PlainReads(benchmark::State& state) {
+  auto offsets = ScatteredOffsets(static_cast<std::uint64_t>(state.range(0)));
+  BenchFile file(1000);
+  file.Write(offsets);
+  std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(7));
+  const int descriptor = open(file.path().c_str(), O_RDONLY);
+  const auto block = MakeBlock();
+  std::size_t next = 0;
+  for (auto _ : state) {
+    // The data alone is a quarter of what the offsets span, so each quarter is a place in the file.
+    benchmark::DoNotOptimize(lseek(descriptor, static_cast<off_t>(offsets[next] / 4), SEEK_SET));
+    benchmark::DoNotOptimize(read(descriptor, block.get(), kBlock));
+    if (++next == offsets.size()) next = 0;
+  }
+  close(descriptor);
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(PlainReads)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+
+void PlainAppends(benchmark::State& state) {
+  const auto block = MakeBlock();
+  for (auto _ : state) {
+    state.PauseTiming();
+    BenchFile file(1);
+    const int descriptor = open(file.path().c_str(), O_RDWR);
+    state.ResumeTiming();
+    for (std::int64_t i = 0; i < state.range(0); ++i) {
+      struct stat found {};
+      benchmark::DoNotOptimize(fstat(descriptor, &found));
+      benchmark::DoNotOptimize(lseek(descriptor, found.st_size, SEEK_SET));
+      benchmark::DoNotOptimize(write(descriptor, block.get(), kBlock));
+    }
+    state.PauseTiming();
+    close(descriptor);
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(PlainAppends)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
