@@ -1,3 +1,14 @@
+// The search takes each position in turn. A usual volume has one match and three searched positions
+// in 11 bytes, so what counts is instructions for each of them and branches that can't be foreseen.
+// Speed on data below /usr as a share of liblzo2's lzo1x_1_15_compress, which passes over
+// positions:
+//   0.53  slots worked out position by position, entries that need the input for their bytes
+//   0.60  slots hashed ahead, many positions at once
+//   0.67  entries that hold the position's four bytes
+//   0.72  one branch for each position, all else chosen without; the same for the usual literals,
+//         lengths and forms of matches
+// What doesn't pay: a first branch that tests three bytes alone (0.66), two or four positions for
+// each branch (0.69), stores to both slots so that their addresses are known early (0.68).
 #include <emmintrin.h>
 
 #include <algorithm>
@@ -7,6 +18,7 @@
 
 #include "codec/lzo_block.h"
 #include "codec/lzo_format.h"
+#include "codec/lzo_wide_search.h"
 #include "foundation/little_endian.h"
 
 namespace kq {
@@ -17,37 +29,65 @@ using Byte = std::uint8_t;
 constexpr std::uint64_t kLargestFrameInput = 0xFFFFFF;
 // A frame's stream is at most its input, a sixteenth of it, and this much long.
 constexpr std::uint64_t kWorstCaseExtra = 67;
-constexpr std::size_t kFirstSearchPosition = 4;
-constexpr std::size_t kSearchMargin = 13;  // bytes at a frame's end where no match begins
+constexpr std::ptrdiff_t kFirstSearchPosition = 4;
+constexpr std::ptrdiff_t kSearchMargin = 13;  // bytes at a frame's end where no match begins
+constexpr std::ptrdiff_t kWideMargin = 32;    // bytes that the search reads at once at a position
 
-constexpr std::uint32_t kSlots = 0x8000;
-constexpr std::uint32_t kSecondSlotMask = 0x7FF;
-constexpr std::uint32_t kSecondSlotFlip = 0x401F;
+constexpr std::ptrdiff_t kStretch = 1024;  // positions whose slots are worked out at once
+constexpr std::ptrdiff_t kManyLiterals = 48;
+constexpr std::ptrdiff_t kLiteralsBetween = 16;  // searched one by one before passing over more
 
-// An entry of the hash table: the position's place in the low 24 bits, its fourth byte above.
-// Places start so high that the 0 of an empty slot is too far away from all of them.
-using Entry = std::uint32_t;
-constexpr Entry kPlaceMask = 0xFFFFFF;
-constexpr Entry kFirstPlace = kLzoFarDistance + 1;
-static_assert(kSlots * sizeof(Entry) <= kLzoHashTableBytes);
+static_assert(kLzoSlots * sizeof(LzoTableEntry) <= kLzoHashTableBytes);
+static_assert(kLzoFirstPlace == kLzoFarDistance + 1);
 
 inline void Copy16(Byte* to, const Byte* from) {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(to),
                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
 }
 
-// (((p[3] << 6 ^ p[2]) << 5 ^ p[1]) << 5 ^ p[0]) * 33 >> 5 of the four bytes in key; the lowest
-// bits of the multiple play no part.
-inline std::uint32_t Hash(std::uint32_t key) {
-  const std::uint32_t mixed =
-      (key & 0xFF) ^ (key & 0xFF00) >> 3 ^ (key & 0xFF0000) >> 6 ^ (key & 0xFF000000) >> 8;
-  return mixed + (mixed >> 5);
+// value < kBound ? yes : no, for choices that can't be foreseen: compilers make branches of them.
+template <std::uint32_t kBound>
+inline std::uint32_t IfBelow(std::uint32_t value, std::uint32_t yes, std::uint32_t no) {
+  asm("cmp %[bound], %[value]\n\tcmovb %[yes], %[no]"
+      : [no] "+r"(no)
+      : [value] "r"(value), [bound] "i"(kBound), [yes] "rm"(yes)
+      : "cc");
+  return no;
 }
 
-// All bits, or none: for choices that the compiler is to make without a branch.
-inline std::uint32_t Mask(bool condition) { return 0u - static_cast<std::uint32_t>(condition); }
-inline std::uint32_t Choose(std::uint32_t mask, std::uint32_t yes, std::uint32_t no) {
-  return no ^ (mask & (yes ^ no));
+constexpr std::uint32_t kNever = 0xFFFFFFFF;
+
+// Looks for a match of at least three bytes at p, whose place and first slot are given, and enters
+// p in the table. Distance is that of the match, if there is one.
+inline bool FindMatch(const Byte* p, std::uint32_t place, std::size_t slot, LzoTableEntry* table,
+                      std::uint32_t* matchDistance) {
+  constexpr std::uint32_t kNear = kLzoNearDistance + 1;
+  constexpr std::uint32_t kFar = kLzoFarDistance + 1;
+  const std::size_t slot2 = LzoSecondSlot(static_cast<std::uint32_t>(slot));
+  const std::uint32_t key = LoadU32(p);
+  std::uint32_t different = key ^ table[slot].key;
+  std::uint32_t distance = place - table[slot].place;
+  const std::uint32_t different2 = key ^ table[slot2].key;
+  const std::uint32_t distance2 = place - table[slot2].place;
+
+  // The second slot has its turn if the first one's candidate is near enough to be used, but
+  // neither near nor alike in the fourth byte.
+  const std::uint32_t beyondNear = IfBelow<0x1000000>(different, kNever, distance - kNear);
+  asm("cmp %[bound], %[value]\n\t"
+      "cmovb %[slot2], %[slot]\n\tcmovb %[distance2], %[distance]\n\tcmovb %[different2], "
+      "%[different]"
+      : [slot] "+r"(slot), [distance] "+r"(distance), [different] "+r"(different)
+      : [value] "r"(beyondNear), [bound] "i"(kFar - kNear), [slot2] "r"(slot2),
+        [distance2] "r"(distance2), [different2] "r"(different2)
+      : "cc");
+  // As two stores: compilers join them in a vector register, at the price of four instructions.
+  table[slot].key = key;
+  asm("" : "+m"(table[slot].key));
+  table[slot].place = place;
+
+  *matchDistance = distance;
+  different = IfBelow<kNear>(distance, different << 8, different);
+  return IfBelow<kFar>(distance, different, kNever) == 0;
 }
 
 Byte* PutExtension(Byte* out, std::size_t rest) {
@@ -57,7 +97,7 @@ Byte* PutExtension(Byte* out, std::size_t rest) {
 }
 
 // Writes the count; the literals follow at the result.
-inline Byte* PutLiteralCount(Byte* out, std::size_t count) {
+Byte* PutLiteralCount(Byte* out, std::size_t count) {
   if (count <= kLzoTrailingLiterals) {
     out[-2] = static_cast<Byte>(out[-2] | count);
     return out;
@@ -70,33 +110,52 @@ inline Byte* PutLiteralCount(Byte* out, std::size_t count) {
   return PutExtension(out + 1, count - kLzoShortRun);
 }
 
-inline Byte* PutMatch(Byte* out, std::size_t length, std::size_t distance) {
-  if (length <= kLzoNearLength && distance <= kLzoNearDistance) {
-    const std::size_t part = distance - 1;
-    out[0] = static_cast<Byte>((length - 1) << 5 | (part & 7) << 2);
-    out[1] = static_cast<Byte>(part >> 3);
-    return out + 2;
-  }
-  std::size_t code = kLzoMiddleCode;
-  std::size_t direct = kLzoMiddleLength;
-  std::size_t part = distance - 1;
-  if (distance > kLzoMiddleDistance) {
-    part = distance - kLzoMiddleDistance;
-    code = kLzoFarCode | (part & 0x4000) >> 11;
-    direct = kLzoFarLength;
-  }
-  if (length <= direct) {
-    *out++ = static_cast<Byte>(code | (length - 2));
-  } else {
-    *out++ = static_cast<Byte>(code);
-    out = PutExtension(out, length - direct);
-  }
-  StoreU16(out, static_cast<std::uint16_t>(part << 2));
+Byte* PutLiterals(Byte* out, const Byte* from, std::size_t count) {
+  out = PutLiteralCount(out, count);
+  std::memcpy(out, from, count);
+  return out + count;
+}
+
+// Up to 16 literals, of which 16 can be read. Each literal has its byte of room, and the worst case
+// leaves room for more.
+inline Byte* PutFewLiterals(Byte* out, const Byte* from, std::uint32_t count) {
+  out[-2] = static_cast<Byte>(out[-2] | IfBelow<kLzoTrailingLiterals + 1>(count, count, 0));
+  out[0] = static_cast<Byte>(count - 3);
+  out += count > kLzoTrailingLiterals ? 1 : 0;
+  Copy16(out, from);
+  return out + count;
+}
+
+Byte* PutExtendedMatch(Byte* out, std::uint32_t word, std::size_t rest) {
+  *out = static_cast<Byte>(word);
+  out = PutExtension(out + 1, rest);
+  StoreU16(out, static_cast<std::uint16_t>(word >> 8));
   return out + 2;
 }
 
+// May write 4 bytes where 2 or 3 are wanted.
+inline Byte* PutMatch(Byte* out, std::uint32_t length, std::uint32_t distance) {
+  constexpr std::uint32_t kMiddle = kLzoMiddleDistance + 1;
+  // The first byte without its length, and the distance's part behind it, whose bit 14 of a far
+  // match belongs into the first byte.
+  std::uint32_t word =
+      (distance << 10) +
+      IfBelow<kMiddle>(distance, kLzoMiddleCode - (1U << 10),
+                       kLzoFarCode - static_cast<std::uint32_t>(kLzoMiddleDistance << 10));
+  word += word >> 24 << 3;
+  const std::uint32_t direct = IfBelow<kMiddle>(distance, kLzoMiddleLength, kLzoFarLength);
+  if (length > direct) [[unlikely]]
+    return PutExtendedMatch(out, word, length - direct);
+  word += length - 2;
+  const std::uint32_t part = distance - 1;
+  const std::uint32_t nearWord = ((length - 1) << 5) + ((part << 2 & 0x1C) | (part << 5 & 0xFF00));
+  const std::uint32_t shortDistance = IfBelow<kLzoNearLength + 1>(length, distance, kNever);
+  StoreU32(out, IfBelow<kLzoNearDistance + 1>(shortDistance, nearWord, word));
+  return out + IfBelow<kLzoNearDistance + 1>(shortDistance, 2, 3);
+}
+
 // Length of what a and b, a before b, have in common up to b's end.
-inline std::size_t CommonLength(const Byte* a, const Byte* b, const Byte* end) {
+std::size_t CommonLength(const Byte* a, const Byte* b, const Byte* end) {
   const Byte* const start = b;
   while (end - b >= 8) {
     const std::uint64_t different = LoadU64(a) ^ LoadU64(b);
@@ -114,15 +173,17 @@ inline std::size_t CommonLength(const Byte* a, const Byte* b, const Byte* end) {
   return static_cast<std::size_t>(b - start);
 }
 
-// Takes a round off the places of entries, once they have gone up to the mask: what is too far away
-// becomes empty.
-void RebaseTable(Entry* table, Entry place) {
-  for (std::uint32_t slot = 0; slot < kSlots; ++slot) {
-    const Entry distance = place - (table[slot] & kPlaceMask);
-    table[slot] = distance > kLzoFarDistance
-                      ? 0
-                      : (table[slot] & ~kPlaceMask) | (kFirstPlace + kLzoFarDistance - distance);
-  }
+// Likewise, where 32 bytes can be read from b on.
+inline std::size_t CommonLengthWide(const Byte* a, const Byte* b, const Byte* end) {
+  const auto alike = [](const Byte* one, const Byte* other) {
+    return static_cast<std::uint32_t>(_mm_movemask_epi8(
+        _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(one)),
+                       _mm_loadu_si128(reinterpret_cast<const __m128i*>(other)))));
+  };
+  const std::uint32_t different = ~(alike(a, b) | alike(a + 16, b + 16) << 16);
+  if (different == 0) [[unlikely]]
+    return 32 + CommonLength(a + 32, b + 32, end);
+  return static_cast<std::size_t>(std::countr_zero(different));
 }
 
 // What is on its way through a frame.
@@ -133,76 +194,76 @@ struct Frame {
   Byte* out;
 };
 
-// Searches the positions up to searchEnd, the first of which has the given place.
-void CompressStretch(Frame* frame, const Byte* searchEnd, Entry place, Entry* table) {
-  const Byte* p = frame->p;
-  const Byte* pending = frame->pending;
-  const Byte* const end = frame->end;
+// Searches the positions of a stretch up to its end, where the next one goes on or a match has led
+// beyond. At the end of the frame no more than the frame's bytes are read.
+template <bool kAtFrameEnd>
+void SearchStretch(Frame* frame, const LzoPositions& stretch, std::ptrdiff_t stretchEnd,
+                   LzoPassLiterals passLiterals, LzoTableEntry* table) {
+  const Byte* const bytes = stretch.bytes;
+  std::ptrdiff_t i = frame->p - bytes;
+  std::ptrdiff_t pending = frame->pending - bytes;
   Byte* out = frame->out;
-  while (p < searchEnd) {
-    const std::uint32_t key = LoadU32(p);
-    const std::uint32_t hash = Hash(key);
-    const std::uint32_t first = hash % kSlots;
-    const std::uint32_t second = (hash & kSecondSlotMask) ^ kSecondSlotFlip;
-    const Entry entry = (key & ~kPlaceMask) + place;
-    // A difference of entries is that of their places as long as the fourth bytes are the same, and
-    // else larger than any.
-    const Entry back1 = entry - table[first];
-    const Entry back2 = entry - table[second];
-    const std::uint32_t useSecond =
-        Mask(back1 > kPlaceMask) &
-        Mask((back1 & kPlaceMask) - (kLzoNearDistance + 1) < kLzoFarDistance - kLzoNearDistance);
-    table[Choose(useSecond, second, first)] = entry;
-    const Entry back = Choose(useSecond, back2, back1);
-    // The distance, or -1 if there is no candidate.
-    const auto distance = static_cast<std::int32_t>(
-        (back & kPlaceMask) |
-        Mask(((back & kPlaceMask) > kLzoNearDistance) & (back > kLzoFarDistance)));
-    if (((LoadU32(p - distance) ^ key) & 0xFFFFFF) != 0 || distance < 0) {
-      ++p;
-      ++place;
+  std::ptrdiff_t limit = std::min(stretchEnd, i + kManyLiterals);
+  while (true) {
+    if (i >= limit) {
+      if (i >= stretchEnd) break;
+      if (!kAtFrameEnd) {
+        i = static_cast<std::ptrdiff_t>(passLiterals(stretch, static_cast<std::size_t>(i),
+                                                     static_cast<std::size_t>(stretchEnd), table));
+      }
+      limit = std::min(stretchEnd, i + kLiteralsBetween);
+      continue;
+    }
+    const Byte* const p = bytes + i;
+    std::uint32_t distance;
+    if (!FindMatch(p, stretch.firstPlace + static_cast<std::uint32_t>(i), stretch.slots[i], table,
+                   &distance)) {
+      ++i;
       continue;
     }
 
-    const auto count = static_cast<std::size_t>(p - pending);
-    if (count <= 16 && end - pending >= 16) [[likely]] {
-      const bool head = count > kLzoTrailingLiterals;
-      out[-2] = static_cast<Byte>(out[-2] | (head ? 0 : count));
-      out[0] = static_cast<Byte>(count - 3);
-      out += head;
-      Copy16(out, pending);
-    } else {
-      out = PutLiteralCount(out, count);
-      std::memcpy(out, pending, count);
-    }
-    out += count;
-    const std::size_t length = 3 + CommonLength(p - distance + 3, p + 3, end);
-    out = PutMatch(out, length, static_cast<std::size_t>(distance));
-    p += length;
-    place += static_cast<Entry>(length);
-    pending = p;
+    const Byte* const source = p - distance;
+    const std::size_t length =
+        kAtFrameEnd ? CommonLength(source, p, frame->end) : CommonLengthWide(source, p, frame->end);
+    const auto count = static_cast<std::size_t>(i - pending);
+    out = !kAtFrameEnd && count <= 16
+              ? PutFewLiterals(out, bytes + pending, static_cast<std::uint32_t>(count))
+              : PutLiterals(out, bytes + pending, count);
+    out = PutMatch(out, static_cast<std::uint32_t>(length), distance);
+    i += static_cast<std::ptrdiff_t>(length);
+    pending = i;
+    limit = std::min(stretchEnd, i + kManyLiterals);
   }
-  frame->p = p;
-  frame->pending = pending;
+  frame->p = bytes + i;
+  frame->pending = bytes + pending;
   frame->out = out;
 }
 
-Byte* CompressFrame(const Byte* in, std::size_t length, Byte* out, Entry* table) {
+template <bool kAtFrameEnd>
+void Search(Frame* frame, const Byte* start, const Byte* searchEnd, const LzoWideSearch& wide,
+            LzoTableEntry* table) {
+  std::uint16_t slots[kStretch];
+  while (frame->p < searchEnd) {
+    const std::ptrdiff_t length = std::min(kStretch, searchEnd - frame->p);
+    wide.hashStretch(frame->p, static_cast<std::size_t>(length), slots);
+    const LzoPositions stretch = {frame->p, slots,
+                                  kLzoFirstPlace + static_cast<std::uint32_t>(frame->p - start)};
+    SearchStretch<kAtFrameEnd>(frame, stretch, length, wide.passLiterals, table);
+  }
+}
+
+Byte* CompressFrame(const Byte* in, std::size_t length, Byte* out, const LzoWideSearch& wide,
+                    LzoTableEntry* table) {
   Frame frame{in, in, in + length, out};
-  if (length > kSearchMargin) {
-    std::memset(table, 0, kSlots * sizeof(Entry));
-    const Byte* const searchEnd = frame.end - kSearchMargin;
-    const Byte* base = in;  // where places start
-    frame.p = in + std::min(kFirstSearchPosition, length - kSearchMargin);
-    while (true) {
-      const Byte* const stretchEnd =
-          base + std::min<std::size_t>(static_cast<std::size_t>(searchEnd - base),
-                                       kPlaceMask - kFirstPlace);
-      CompressStretch(&frame, stretchEnd, kFirstPlace + static_cast<Entry>(frame.p - base), table);
-      if (stretchEnd == searchEnd) break;
-      RebaseTable(table, kFirstPlace + static_cast<Entry>(frame.p - base));
-      base = frame.p - kLzoFarDistance;
+  const auto searched = static_cast<std::ptrdiff_t>(length) - kSearchMargin;
+  if (searched > kFirstSearchPosition) {
+    std::memset(table, 0, kLzoSlots * sizeof(LzoTableEntry));
+    frame.p = in + kFirstSearchPosition;
+    const std::ptrdiff_t searchedWide = searched + kSearchMargin - kWideMargin;
+    if (searchedWide > kFirstSearchPosition) {
+      Search<false>(&frame, in, in + searchedWide, wide, table);
     }
+    Search<true>(&frame, in, in + searched, wide, table);
   }
   const auto tail = static_cast<std::size_t>(frame.end - frame.pending);
   if (frame.out == out && tail <= kLzoFirstRunLength) {
@@ -220,9 +281,10 @@ Byte* CompressFrame(const Byte* in, std::size_t length, Byte* out, Entry* table)
 
 }  // namespace
 
-int LzoBlockCompress(const std::uint8_t* input, std::uint64_t inputLength, std::uint8_t* output,
-                     std::uint64_t* outputLength, void* hashTable) {
-  auto* const table = static_cast<Entry*>(hashTable);
+int LzoBlockCompressWith(const LzoWideSearch& wide, const std::uint8_t* input,
+                         std::uint64_t inputLength, std::uint8_t* output,
+                         std::uint64_t* outputLength, void* hashTable) {
+  auto* const table = static_cast<LzoTableEntry*>(hashTable);
   Byte* out = output;
   std::uint64_t room = *outputLength;
   while (inputLength != 0) {
@@ -231,7 +293,7 @@ int LzoBlockCompress(const std::uint8_t* input, std::uint64_t inputLength, std::
     const std::uint64_t frameInput =
         std::min({inputLength, kLargestFrameInput, (room - kWorstCaseExtra) * 16 / 17});
     Byte* const frame = out + kLzoFrameLengthBytes;
-    Byte* const frameEnd = CompressFrame(input, frameInput, frame, table);
+    Byte* const frameEnd = CompressFrame(input, frameInput, frame, wide, table);
     const auto length = static_cast<std::uint64_t>(frameEnd - frame);
     out[0] = static_cast<Byte>(length);
     out[1] = static_cast<Byte>(length >> 8);
@@ -243,6 +305,12 @@ int LzoBlockCompress(const std::uint8_t* input, std::uint64_t inputLength, std::
   }
   *outputLength = static_cast<std::uint64_t>(out - output);
   return kLzoSuccess;
+}
+
+int LzoBlockCompress(const std::uint8_t* input, std::uint64_t inputLength, std::uint8_t* output,
+                     std::uint64_t* outputLength, void* hashTable) {
+  return LzoBlockCompressWith(LzoWideSearchHere(), input, inputLength, output, outputLength,
+                              hashTable);
 }
 
 }  // namespace kq

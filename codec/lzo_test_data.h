@@ -50,18 +50,24 @@ inline std::vector<std::uint64_t> LzoTable(std::uint64_t fill = 0) {
   return std::vector<std::uint64_t>(kq::kLzoHashTableBytes / sizeof(std::uint64_t), fill);
 }
 
-// Nothing if the room doesn't suffice.
-inline std::optional<Bytes> Compress(std::span<const std::uint8_t> input, std::size_t room,
-                                     std::vector<std::uint64_t>* table) {
+// Nothing if the room doesn't suffice. The function is called as LzoBlockCompress.
+template <class Function>
+std::optional<Bytes> CompressBy(const Function& function, std::span<const std::uint8_t> input,
+                                std::size_t room, std::vector<std::uint64_t>* table) {
   GuardedBuffer in(input);
   GuardedBuffer out(room);
   std::uint64_t length = room;
-  const int result = kq::LzoBlockCompress(in.data(), in.size(), out.data(), &length, table->data());
+  const int result = function(in.data(), in.size(), out.data(), &length, table->data());
   EXPECT_TRUE(out.Intact());
   if (result == kq::kLzoOutputFull) return std::nullopt;
   EXPECT_EQ(result, kq::kLzoSuccess);
   EXPECT_LE(length, room);
   return Bytes(out.data(), out.data() + length);
+}
+
+inline std::optional<Bytes> Compress(std::span<const std::uint8_t> input, std::size_t room,
+                                     std::vector<std::uint64_t>* table) {
+  return CompressBy(kq::LzoBlockCompress, input, room, table);
 }
 
 inline std::optional<Bytes> Compress(std::span<const std::uint8_t> input, std::size_t room) {
