@@ -13,11 +13,12 @@ constexpr char kModule[] = "utsparsefile";
 
 constexpr std::uint32_t kNewFileMode = 0644;
 
-bool Exists(const char* path) {
+// Whether the file is there: it is if it can be opened.
+KQStatus LookForFile(const char* path) {
   OSFile* file = nullptr;
-  const bool exists = !Failed(OSFileOpen(path, O_RDONLY, 0, &file));
+  const KQStatus status = OSFileOpen(path, O_RDONLY, 0, &file);
   OSFileClose(file);
-  return exists;
+  return status;
 }
 
 KQStatus OpenByMode(const char* path, SparseMode mode, bool readOnly, OSFileOwner* opened) {
@@ -76,8 +77,13 @@ KQStatus UtSparseFileOpen(const char* path, SparseMode mode, bool readOnly,
   const bool opensExisting = mode == SparseMode::kOpenExisting;
   file->ReadOnly = readOnly && opensExisting;
 
+  const KQStatus look = LookForFile(path);
+  // A file that is there but can't be looked at for the moment, without memory or a descriptor for
+  // it, must not be taken for a new one: what it holds would be overwritten.
+  const bool uncertain = Failed(look) && look.status != KQ_STATUS_FILE_NOT_FOUND;
+  if (uncertain && mode == SparseMode::kOpenAlways) return look;
   // What kOpenExisting can open was there before, even if it came just now: it is never made anew.
-  const bool existed = Exists(path) || opensExisting;
+  const bool existed = !Failed(look) || opensExisting;
   KQ_RETURN_IF_FAILED(OpenByMode(path, mode, file->ReadOnly, &file->File));
   if (existed && (opensExisting || mode == SparseMode::kOpenAlways)) {
     KQ_RETURN_IF_FAILED(ReadFileHeader(file.get()));
