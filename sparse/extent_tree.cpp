@@ -6,6 +6,7 @@
 
 #include "sparse/node_cache.h"
 #include "sparse/sparse_file.h"
+#include "sparse/sparse_transfer.h"
 
 namespace kq {
 namespace {
@@ -135,10 +136,28 @@ KQStatus WalkNode(SparseFile* file, const Place& place, ExtentVisit visit, void*
   }
 }
 
+// Puts the cut child into the file, for want of a place in the cache beside its parent, which is
+// written before it. Whichever write fails, the parent becomes what it was before.
+KQStatus WriteCutChild(SparseFile* file, CachedNode* parent, const SparseNode& before,
+                       std::uint64_t child, const HeapBuffer& cut) {
+  KQStatus status = MarkFileInUse(file);
+  if (!Failed(status)) status = WriteNode(file, *parent);
+  if (!Failed(status)) {
+    parent->Dirty = false;
+    status = SparseFileWriter_BufferAddressHelper(file, child, cut.data(), cut.size());
+  }
+  if (Failed(status)) parent->Store(0, &before, sizeof before);
+  return status;
+}
+
 // Moves the upper half of a full child to a new node beside it, and the extent between the halves
-// up into the parent. The child is cut last: until then it holds all that it held.
+// up into the parent. The child is cut last, in a step that is done or not done together with the
+// parent's: until then it holds all that it held, and a parent that tells of less than its child
+// holds would be taken for damaged.
 KQStatus SplitChild(SparseFile* file, std::uint64_t parent, std::uint32_t index,
                     std::uint64_t child) {
+  HeapBuffer cut = HeapBuffer::AllocateAligned(KQ_SPARSE_UNIT, sizeof(SparseNode));
+  if (!cut) return KQ_FAIL(kNotEnoughMemory);
   std::uint64_t right = 0;
   KQ_RETURN_IF_FAILED(AllocateNode(file, kMiddle, 0, &right));
 
@@ -147,19 +166,21 @@ KQStatus SplitChild(SparseFile* file, std::uint64_t parent, std::uint32_t index,
   if (node->Node().Count != KQ_SPARSE_NODE_EXTENTS) return KQ_FAIL(kFileCorrupt);
   const std::uint8_t isLeaf = node->Node().IsLeaf;
   const SparseExtent middle = node->Node().Extents[kMiddle];
-  SparseExtent extents[kMiddle];
-  std::uint64_t children[kMiddle + 1];
-  std::memcpy(extents, node->Buffer.data() + ExtentAt(kMiddle + 1), sizeof extents);
-  std::memcpy(children, node->Buffer.data() + ChildAt(kMiddle + 1), sizeof children);
+  std::memcpy(cut.data(), node->Buffer.data(), cut.size());
+  std::memcpy(cut.data() + offsetof(SparseNode, Count), &kMiddle, sizeof kMiddle);
 
   KQ_RETURN_IF_FAILED(GetNewNode(file, right, &node));
   node->Store(offsetof(SparseNode, IsLeaf), &isLeaf, sizeof isLeaf);
-  node->Store(ExtentAt(0), extents, sizeof extents);
-  if (isLeaf == 0) node->Store(ChildAt(0), children, sizeof children);
+  node->Store(ExtentAt(0), cut.data() + ExtentAt(kMiddle + 1), kMiddle * sizeof(SparseExtent));
+  if (isLeaf == 0) {
+    node->Store(ChildAt(0), cut.data() + ChildAt(kMiddle + 1),
+                (kMiddle + 1) * sizeof(std::uint64_t));
+  }
 
   KQ_RETURN_IF_FAILED(GetNode(file, parent, &node));
   const std::uint32_t count = node->Node().Count;
   if (count >= KQ_SPARSE_NODE_EXTENTS || index > count) return KQ_FAIL(kFileCorrupt);
+  const SparseNode before = node->Node();
   const std::uint32_t behind = count - index;
   node->Store(ChildAt(index + 2), node->Buffer.data() + ChildAt(index + 1),
               behind * sizeof(std::uint64_t));
@@ -170,7 +191,14 @@ KQStatus SplitChild(SparseFile* file, std::uint64_t parent, std::uint32_t index,
   const std::uint32_t grown = count + 1;
   node->Store(offsetof(SparseNode, Count), &grown, sizeof grown);
 
-  return SetNodeCount(file, child, kMiddle);
+  if (CachedNode* cached = file->Nodes.Find(child)) {
+    cached->Store(offsetof(SparseNode, Count), &kMiddle, sizeof kMiddle);
+    return Success();
+  }
+  KQ_RETURN_IF_FAILED(WriteCutChild(file, node, before, child, cut));
+  // The child comes into the cache as the node that was used last. The split is done without it.
+  static_cast<void>(GetNode(file, child, &node));
+  return Success();
 }
 
 void InsertIntoLeaf(CachedNode* leaf, std::uint32_t index, const SparseExtent& extent) {
