@@ -185,6 +185,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Bytes file = kqtest::BuildImage(spec);
     if (Damage(&input, &file)) {
       damaged = true;
+      kqfuzz::LimitClaims(&file);
       if (input.U8() % 2 == 0) kqfuzz::MendChecksums(&file);
     }
     scratch[i].Write(file);

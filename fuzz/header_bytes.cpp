@@ -1,6 +1,5 @@
 #include "fuzz/header_bytes.h"
 
-#include <algorithm>
 #include <cstddef>
 
 #include "kqimageformat.h"
@@ -25,11 +24,15 @@ void MendChecksums(kqtest::Bytes* file) {
 
 void LimitClaims(kqtest::Bytes* file) {
   constexpr std::uint64_t kMostBytes = 256 << 10;
-  const std::uint64_t sectorSize = kqtest::Get32(*file, offsetof(ImageHeader, SectorSize));
+  if (file->size() < sizeof(ImageHeader)) return;
+  std::uint64_t sectorSize = kqtest::Get32(*file, offsetof(ImageHeader, SectorSize));
+  if (sectorSize > kMostBytes) {
+    sectorSize %= kMostBytes;
+    kqtest::Set32(file, offsetof(ImageHeader, SectorSize), sectorSize);
+  }
   const std::uint64_t headerSectors = kqtest::Get32(*file, offsetof(ImageHeader, HeaderSectors));
   if (sectorSize == 0 || headerSectors <= kMostBytes / sectorSize) return;
-  kqtest::Set32(file, offsetof(ImageHeader, HeaderSectors),
-                std::max<std::uint64_t>(1, kMostBytes / sectorSize));
+  kqtest::Set32(file, offsetof(ImageHeader, HeaderSectors), kMostBytes / sectorSize);
 }
 
 }  // namespace kqfuzz

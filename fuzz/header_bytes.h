@@ -9,8 +9,8 @@ namespace kqfuzz {
 // Sets the checksums of the ExtendedRecord of an image file, if the file has room for one.
 void MendChecksums(kqtest::Bytes* file);
 
-// Lowers HeaderSectors where it claims more than 256 KiB: all of a header counts in its checksum,
-// so that one which claims gigabytes takes seconds under the sanitizers.
+// Lowers what a header claims to 256 KiB. All of it counts in its checksum, and the sanitizers fill
+// what the library only reserves, so that a header which claims gigabytes takes them seconds.
 void LimitClaims(kqtest::Bytes* file);
 
 }  // namespace kqfuzz

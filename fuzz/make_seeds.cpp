@@ -11,6 +11,7 @@
 #include "codec/stream_codec_drive.h"
 #include "fuzz/fuzz_input.h"
 #include "header/partition_tables_test.h"
+#include "kqimageapi.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/image_cipher.h"
 #include "tests/support/temp_dir.h"
@@ -123,6 +124,37 @@ void AddRest(SeedFolder* seeds) {
   }
 }
 
+// Sparse files as they stand after a clean close, with a few extents and with more than a node
+// holds.
+void AddSparseFiles(SeedFolder* seeds) {
+  const kqtest::TempDir folder;
+  const std::string path = folder.Path("sparse");
+  for (const std::uint32_t extents : {1u, 5u, 400u}) {
+    std::uint64_t handle = 0;
+    FUZZ_CHECK(KQSparseFileOpen2(path.c_str(), KQ_SPARSE_CREATE_ALWAYS, 0, 4, &handle).status == 0);
+    const Bytes data = kqtest::PatternBytes(extents, 512);
+    for (std::uint32_t i = 0; i < extents; ++i) {
+      // All data of a large file in the input would leave no room for a tree.
+      const std::uint64_t offset = std::uint64_t{i * 7 % extents} * 1024;
+      const std::uint32_t bytes = extents > 5 ? 1 : 512;
+      FUZZ_CHECK(KQSparseFileWrite(handle, offset, data.data(), bytes, nullptr).status == 0);
+    }
+    FUZZ_CHECK(KQSparseFileClose(handle, 0).status == 0);
+    if (extents > 5) continue;
+    const Bytes file = kqtest::ReadFile(path);
+    // Two reads and a write in front of the file.
+    seeds->Add("sparse", Behind({2, 3, 1, 0, 0, 64, 0, 0, 0, 8, 0, 1, 1, 0, 2, 255, 3}, file));
+    seeds->Add("convert", Behind({0}, file));
+    seeds->Add("convert", Behind({1, 0}, file));
+  }
+  for (std::uint8_t cache = 0; cache < 4; ++cache) {
+    seeds->Add("sparse", Behind({cache, 20}, kqtest::PatternBytes(cache, 90)));
+  }
+  for (std::uint8_t flags = 0; flags < 16; ++flags) {
+    seeds->Add("catalogue", Behind({flags, 7, 0}, kqtest::PatternBytes(flags, 90)));
+  }
+}
+
 }  // namespace
 }  // namespace kqfuzz
 
@@ -136,5 +168,6 @@ int main(int argc, char** argv) {
   kqfuzz::AddPartitionTables(&seeds);
   kqfuzz::AddStreams(&seeds);
   kqfuzz::AddRest(&seeds);
+  kqfuzz::AddSparseFiles(&seeds);
   return 0;
 }
