@@ -1,6 +1,7 @@
 // Partitions of disks that sfdisk, sgdisk and fdisk have made: what the images of them tell.
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -185,6 +186,62 @@ TEST_F(PartitionTest, EachPartitionOfAGptDiskIsToldAsSfdiskTellsIt) {
     EXPECT_EQ(place["attributes"], partition.number == 1 ? 4 : partition.number == 7 ? 1 : 0);
     EXPECT_EQ(origin["label"], partition.number == 2 ? "Gr\u00fc\u00dfe" : "");
   }
+}
+
+// A disk's file as a block device with a device for each partition. That takes rights and a kernel
+// that not every machine gives.
+class LoopDevice {
+ public:
+  explicit LoopDevice(const std::string& disk) {
+    const std::string command =
+        "PATH=\"$PATH:/usr/sbin:/sbin\"; losetup -f --show '" + disk + "' 2>/dev/null";
+    FILE* const output = popen(command.c_str(), "r");
+    char line[64] = {};
+    if (std::fgets(line, sizeof line, output) != nullptr) path_ = line;
+    pclose(output);
+    if (!path_.empty()) path_.pop_back();
+    hasPartitions_ = !path_.empty() && Run("partx -a");
+  }
+  ~LoopDevice() {
+    if (hasPartitions_) Run("partx -d");
+    if (!path_.empty()) Run("losetup -d");
+  }
+  LoopDevice(const LoopDevice&) = delete;
+  LoopDevice& operator=(const LoopDevice&) = delete;
+
+  bool HasPartition(std::uint32_t number) const {
+    return hasPartitions_ && std::filesystem::is_block_file(Partition(number));
+  }
+  const std::string& Path() const { return path_; }
+  std::string Partition(std::uint32_t number) const { return path_ + "p" + std::to_string(number); }
+
+ private:
+  bool Run(const std::string& command) const {
+    const std::string line =
+        "PATH=\"$PATH:/usr/sbin:/sbin\" " + command + " " + path_ + " >/dev/null 2>&1";
+    return std::system(line.c_str()) == 0;
+  }
+
+  std::string path_;
+  bool hasPartitions_ = false;
+};
+
+// The system tells the disk and the place; where there is no device, the disk's file stands for it.
+TEST_F(PartitionTest, APartitionsDeviceTellsTheSameAsThePartitionOfTheDisk) {
+  Sfdisk(kMbrScript);
+  const Partition partition = Partitions(Table())[5];
+  PutExt4(partition, "logical");
+  CreateOf(partition.number);
+  Json expected = Info()["origin"];
+  const LoopDevice loop(Path("disk"));
+  if (loop.HasPartition(partition.number)) {
+    Create(loop.Partition(partition.number), Path("a.twf"), {"--force"});
+    expected["disk"] = loop.Path();
+    EXPECT_TRUE(Restore({Path("a.twf")}) == DiskBytes(partition.offset, partition.size));
+  }
+  EXPECT_EQ(Info()["origin"], expected);
+  EXPECT_EQ(expected["partition"]["number"], partition.number);
+  EXPECT_EQ(expected["label"], "logical");
 }
 
 // fdisk makes tables with sectors of 4096 bytes in a file; sfdisk can't read them there.
