@@ -1,12 +1,10 @@
 #include "sparse/extent_tree.h"
 
-#include <algorithm>
-#include <cstring>
 #include <limits>
 
+#include "sparse/extent_search.h"
 #include "sparse/node_cache.h"
 #include "sparse/sparse_file.h"
-#include "sparse/sparse_transfer.h"
 
 namespace kq {
 namespace {
@@ -14,36 +12,6 @@ namespace {
 constexpr char kModule[] = "utsparsefile";
 
 using Limits = std::numeric_limits<std::int64_t>;
-
-// A node is split into the extents in front of the middle one and those behind it.
-constexpr std::uint32_t kMiddle = KQ_SPARSE_NODE_EXTENTS / 2;
-static_assert(2 * kMiddle + 1 == KQ_SPARSE_NODE_EXTENTS);
-
-constexpr std::size_t ExtentAt(std::uint32_t index) {
-  return offsetof(SparseNode, Extents) + index * sizeof(SparseExtent);
-}
-constexpr std::size_t ChildAt(std::uint32_t index) {
-  return offsetof(SparseNode, Children) + index * sizeof(std::uint64_t);
-}
-
-// No overflow: GetNode lets only extents through that end within the numbers.
-std::int64_t EndOf(const SparseExtent& extent) { return extent.Offset + extent.Length; }
-
-// The first extent for which the test holds, or Count. From the first on it holds for all.
-template <class Test>
-std::uint32_t FirstExtent(const SparseNode& node, Test test) {
-  std::uint32_t first = 0;
-  std::uint32_t end = node.Count;
-  while (first < end) {
-    const std::uint32_t middle = first + (end - first) / 2;
-    if (test(node.Extents[middle])) {
-      end = middle;
-    } else {
-      first = middle + 1;
-    }
-  }
-  return first;
-}
 
 // A node as the walks below meet it: where it is, and the stretch of the volume that its parents
 // leave for it. Since each child's stretch is a part of its parent's without the parent's extents,
@@ -136,124 +104,6 @@ KQStatus WalkNode(SparseFile* file, const Place& place, ExtentVisit visit, void*
   }
 }
 
-// Puts the cut child into the file, for want of a place in the cache beside its parent, which is
-// written before it. Whichever write fails, the parent becomes what it was before.
-KQStatus WriteCutChild(SparseFile* file, CachedNode* parent, const SparseNode& before,
-                       std::uint64_t child, const HeapBuffer& cut) {
-  KQStatus status = MarkFileInUse(file);
-  if (!Failed(status)) status = WriteNode(file, *parent);
-  if (!Failed(status)) {
-    parent->Dirty = false;
-    status = SparseFileWriter_BufferAddressHelper(file, child, cut.data(), cut.size());
-  }
-  if (Failed(status)) parent->Store(0, &before, sizeof before);
-  return status;
-}
-
-// Moves the upper half of a full child to a new node beside it, and the extent between the halves
-// up into the parent. The child is cut last, in a step that is done or not done together with the
-// parent's: until then it holds all that it held, and a parent that tells of less than its child
-// holds would be taken for damaged.
-KQStatus SplitChild(SparseFile* file, std::uint64_t parent, std::uint32_t index,
-                    std::uint64_t child) {
-  HeapBuffer cut = HeapBuffer::AllocateAligned(KQ_SPARSE_UNIT, sizeof(SparseNode));
-  if (!cut) return KQ_FAIL(kNotEnoughMemory);
-  std::uint64_t right = 0;
-  KQ_RETURN_IF_FAILED(AllocateNode(file, kMiddle, 0, &right));
-
-  CachedNode* node = nullptr;
-  KQ_RETURN_IF_FAILED(GetNode(file, child, &node));
-  if (node->Node().Count != KQ_SPARSE_NODE_EXTENTS) return KQ_FAIL(kFileCorrupt);
-  const std::uint8_t isLeaf = node->Node().IsLeaf;
-  const SparseExtent middle = node->Node().Extents[kMiddle];
-  std::memcpy(cut.data(), node->Buffer.data(), cut.size());
-  std::memcpy(cut.data() + offsetof(SparseNode, Count), &kMiddle, sizeof kMiddle);
-
-  KQ_RETURN_IF_FAILED(GetNewNode(file, right, &node));
-  node->Store(offsetof(SparseNode, IsLeaf), &isLeaf, sizeof isLeaf);
-  node->Store(ExtentAt(0), cut.data() + ExtentAt(kMiddle + 1), kMiddle * sizeof(SparseExtent));
-  if (isLeaf == 0) {
-    node->Store(ChildAt(0), cut.data() + ChildAt(kMiddle + 1),
-                (kMiddle + 1) * sizeof(std::uint64_t));
-  }
-
-  KQ_RETURN_IF_FAILED(GetNode(file, parent, &node));
-  const std::uint32_t count = node->Node().Count;
-  if (count >= KQ_SPARSE_NODE_EXTENTS || index > count) return KQ_FAIL(kFileCorrupt);
-  const SparseNode before = node->Node();
-  const std::uint32_t behind = count - index;
-  node->Store(ChildAt(index + 2), node->Buffer.data() + ChildAt(index + 1),
-              behind * sizeof(std::uint64_t));
-  node->Store(ChildAt(index + 1), &right, sizeof right);
-  node->Store(ExtentAt(index + 1), node->Buffer.data() + ExtentAt(index),
-              behind * sizeof(SparseExtent));
-  node->Store(ExtentAt(index), &middle, sizeof middle);
-  const std::uint32_t grown = count + 1;
-  node->Store(offsetof(SparseNode, Count), &grown, sizeof grown);
-
-  if (CachedNode* cached = file->Nodes.Find(child)) {
-    cached->Store(offsetof(SparseNode, Count), &kMiddle, sizeof kMiddle);
-    return Success();
-  }
-  KQ_RETURN_IF_FAILED(WriteCutChild(file, node, before, child, cut));
-  // The child comes into the cache as the node that was used last. The split is done without it.
-  static_cast<void>(GetNode(file, child, &node));
-  return Success();
-}
-
-void InsertIntoLeaf(CachedNode* leaf, std::uint32_t index, const SparseExtent& extent) {
-  const std::uint32_t count = leaf->Node().Count;
-  leaf->Store(ExtentAt(index + 1), leaf->Buffer.data() + ExtentAt(index),
-              (count - index) * sizeof(SparseExtent));
-  leaf->Store(ExtentAt(index), &extent, sizeof extent);
-  const std::uint32_t grown = count + 1;
-  leaf->Store(offsetof(SparseNode, Count), &grown, sizeof grown);
-}
-
-// The node is not full: whoever leads here has split it if it was.
-KQStatus InsertIntoNode(SparseFile* file, std::uint64_t position, const SparseExtent& extent) {
-  for (int level = 0; level < kDeepestNode; ++level) {
-    CachedNode* node = nullptr;
-    KQ_RETURN_IF_FAILED(GetNode(file, position, &node));
-    std::uint32_t index = FirstExtent(
-        node->Node(), [&](const SparseExtent& other) { return EndOf(extent) <= other.Offset; });
-    if (node->Node().IsLeaf != 0) {
-      if (node->Node().Count >= KQ_SPARSE_NODE_EXTENTS) return KQ_FAIL(kFileCorrupt);
-      InsertIntoLeaf(node, index, extent);
-      return Success();
-    }
-    const std::uint64_t child = node->Node().Children[index];
-    std::uint32_t childCount = 0;
-    KQ_RETURN_IF_FAILED(GetNodeCount(file, child, &childCount));
-    if (childCount == KQ_SPARSE_NODE_EXTENTS) {
-      KQ_RETURN_IF_FAILED(SplitChild(file, position, index, child));
-      KQ_RETURN_IF_FAILED(GetNode(file, position, &node));
-      if (EndOf(node->Node().Extents[index]) <= extent.Offset) ++index;
-    }
-    KQ_RETURN_IF_FAILED(GetNode(file, position, &node));
-    position = node->Node().Children[index];
-  }
-  return KQ_FAIL(kFileCorrupt);
-}
-
-// Puts a new root above the full one and splits that.
-KQStatus GrowRoot(SparseFile* file) {
-  const std::uint64_t oldRoot = file->RootNode;
-  std::uint64_t newRoot = 0;
-  KQ_RETURN_IF_FAILED(AllocateNode(file, 0, 0, &newRoot));
-  // From here on a header block that goes to the file names the new root.
-  file->RootNode = newRoot;
-  CachedNode* node = nullptr;
-  KQStatus status = GetNode(file, newRoot, &node);
-  if (!Failed(status)) {
-    node->Store(ChildAt(0), &oldRoot, sizeof oldRoot);
-    status = SplitChild(file, newRoot, 0, oldRoot);
-  }
-  // Up to its last step a split leaves the old root whole, and the tree with it.
-  if (Failed(status)) file->RootNode = oldRoot;
-  return status;
-}
-
 }  // namespace
 
 ExtentList::~ExtentList() {
@@ -283,16 +133,6 @@ KQStatus WalkExtents(SparseFile* file, ExtentVisit visit, void* context) {
   Place root;
   root.position = file->RootNode;
   return WalkNode(file, root, visit, context);
-}
-
-KQStatus InsertExtent(SparseFile* file, const SparseExtent& extent) {
-  std::uint32_t rootCount = 0;
-  KQ_RETURN_IF_FAILED(GetNodeCount(file, file->RootNode, &rootCount));
-  if (rootCount == KQ_SPARSE_NODE_EXTENTS) {
-    if (file->ReadOnly) return KQ_FAIL(kWriteProtect);
-    KQ_RETURN_IF_FAILED(GrowRoot(file));
-  }
-  return InsertIntoNode(file, file->RootNode, extent);
 }
 
 }  // namespace kq

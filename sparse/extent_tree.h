@@ -6,9 +6,9 @@
 // not trusted: a node that lies outside the stretch that its parents leave for it, or a tree of
 // more than kDeepestNode levels, is -1392.
 //
-// A failure of a query leaves the tree alone. A failure of an insertion leaves the tree as it was
-// unless the cache is too small for a split (3 nodes) or a changed node could not be written back;
-// then the file may hold a damaged tree.
+// A failure of a query leaves the tree alone. A failure of an insertion leaves it as it was, or
+// split without the new extent; only what a changed node told that could not be written back is
+// lost.
 #ifndef KQ_SPARSE_EXTENT_TREE_H
 #define KQ_SPARSE_EXTENT_TREE_H
 
@@ -58,7 +58,8 @@ KQStatus QueryExtents(SparseFile* file, std::int64_t offset, std::uint32_t size,
 using ExtentVisit = KQStatus (*)(void* context, const SparseExtent& extent);
 KQStatus WalkExtents(SparseFile* file, ExtentVisit visit, void* context);
 
-// Enters an extent, which must not overlap any other. -19 the root is full and the file read-only.
+// Enters an extent (extent_insert.cpp), which must not overlap any other. -19 the root is full and
+// the file read-only.
 KQStatus InsertExtent(SparseFile* file, const SparseExtent& extent);
 
 }  // namespace kq

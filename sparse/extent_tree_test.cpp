@@ -227,6 +227,52 @@ TEST_F(ExtentTree, FailedInsertionLeavesTheTreeIfNothingWasLost) {
   }
 }
 
+// A read takes nothing away, however few nodes there is room for.
+TEST_F(ExtentTree, FailedReadWithinAnInsertionLeavesTheTree) {
+  SparseModel leafOnly;
+  for (int i = 0; i < 291; ++i) leafOnly.Write(2 * i, Bytes(1));
+  // A root with a full leaf and an empty one.
+  SparseModel below = leafOnly;
+  ModelNode root;
+  root.leaf = false;
+  root.count = 1;
+  root.extents[0] = {1000, 1, 8192};
+  root.children[0] = below.root();
+  root.children[1] = below.AppendNode(ModelNode());
+  below.SetRoot(below.AppendNode(root));
+  below.CollectExtents();
+  for (const SparseModel& model : {leafOnly, below}) {
+    Offsets expected;
+    for (const auto& [offset, extent] : model.extents()) expected.push_back(offset);
+    for (const std::uint16_t cacheNodes : std::vector<std::uint16_t>{1, 2, 3}) {
+      for (const Call call : {Call::kRead, Call::kAlignedMalloc}) {
+        int failures = 0;
+        for (int after = 0;; ++after) {
+          SCOPED_TRACE(std::to_string(cacheNodes) + " " + std::to_string(after));
+          const kq::SparseFileOwner file = OpenModel(model, cacheNodes);
+          KQStatus status;
+          LogOf([&] {
+            const FailingCall failing(call, EIO, 100, after);
+            status = InsertExtent(file.get(), Extent(1, 1));
+          });
+          Offsets walked;
+          ASSERT_EQ(Walk(file.get(), &walked).status, 0);
+          if (status.status == 0) {
+            EXPECT_EQ(walked.size(), expected.size() + 1);
+            break;
+          }
+          ++failures;
+          EXPECT_EQ(status.status, call == Call::kRead ? -23 : -8);
+          EXPECT_TRUE(walked == expected);
+          ASSERT_EQ(kq::UtSparseFileClose(file.get(), false).status, 0);
+          EXPECT_EQ(SparseModel(File()).extents().size(), expected.size());
+        }
+        EXPECT_GE(failures, call == Call::kRead ? 3 : 2);
+      }
+    }
+  }
+}
+
 TEST_F(ExtentTree, WalkMeetsAllExtentsInOrder) {
   const SparseModel model = FullTree();
   Offsets expected;
