@@ -1,0 +1,301 @@
+// Processes that write onto a chain under a sparse file and are killed at random moments. What they
+// leave is refused by every open, or it is exactly what the last close left, with those of the
+// later writes in it that went over what that close had: they are in the file when they return, and
+// need no change of the tree. An image that was being made is refused too, or it is whole.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "kqimageapi.h"
+#include "tests/campaigns/volume_model.h"
+#include "tests/support/test_seed.h"
+
+namespace kqtest {
+namespace {
+
+#ifdef KQ_SANITIZED
+constexpr int kKills = 60;
+#else
+constexpr int kKills = 400;
+#endif
+
+constexpr std::uint32_t kBytes = 600 * 1024;
+constexpr std::uint32_t kSector = 512;
+
+enum class Step : std::uint8_t { kOpen, kWrite, kClose, kConvert };
+
+struct Operation {
+  Step step = Step::kOpen;
+  std::uint32_t offset = 0;
+  Bytes data = {};
+  std::uint16_t cacheNodes = 0;
+};
+
+// Sessions of one sparse file: each opens it over the chain, writes, and closes. The last one makes
+// an image.
+std::vector<Operation> Plan(Dice* dice) {
+  std::vector<Operation> plan;
+  const std::uint32_t sessions = 2 + dice->Below(3);
+  const bool scattered = dice->Below(2) == 0;
+  for (std::uint32_t session = 0; session < sessions; ++session) {
+    static constexpr std::uint16_t kCacheNodes[] = {1, 2, 10, 1000};
+    plan.push_back({Step::kOpen, 0, {}, kCacheNodes[dice->Below(4)]});
+    // Enough in the first for a tree of several nodes.
+    const std::uint32_t writes = session == 0 && scattered ? 500 : 1 + dice->Below(150);
+    for (std::uint32_t i = 0; i < writes; ++i) {
+      Bytes data(kSector * (1 + dice->Below(scattered ? 2 : 20)));
+      dice->Fill(data.data(), data.size());
+      const auto places = (kBytes - static_cast<std::uint32_t>(data.size())) / kSector;
+      plan.push_back({Step::kWrite, kSector * dice->Below(places), std::move(data), 0});
+    }
+    plan.push_back({session + 1 < sessions ? Step::kClose : Step::kConvert, 0, {}, 0});
+  }
+  return plan;
+}
+
+// What the child has done, seen by both processes.
+struct Progress {
+  std::atomic<std::uint32_t> finished{0};
+};
+
+class SharedProgress {
+ public:
+  SharedProgress()
+      : memory_(mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                     -1, 0)),
+        progress_(new (memory_) Progress) {}
+  ~SharedProgress() { munmap(memory_, sizeof(Progress)); }
+  SharedProgress(const SharedProgress&) = delete;
+  SharedProgress& operator=(const SharedProgress&) = delete;
+
+  std::atomic<std::uint32_t>& finished() const { return progress_->finished; }
+
+ private:
+  void* memory_;
+  Progress* progress_;
+};
+
+struct Paths {
+  std::string base;
+  std::string sparse;
+  std::string newImage;
+};
+
+// Runs the plan; the child process ends with 0 if all went well.
+int RunPlan(const std::vector<Operation>& plan, const Paths& paths,
+            std::atomic<std::uint32_t>* finished) {
+  std::uint64_t chain = 0;
+  for (const Operation& operation : plan) {
+    KQStatus status{};
+    switch (operation.step) {
+      case Step::kOpen: {
+        std::uint64_t sparse = 0;
+        status = KQSparseFileOpen2(paths.sparse.c_str(), KQ_SPARSE_OPEN_ALWAYS, 0,
+                                   operation.cacheNodes, &sparse);
+        if (status.status != 0) return 1;
+        status = KQImageFilesOpen(paths.base.c_str(), nullptr, sparse, &chain);
+        break;
+      }
+      case Step::kWrite:
+        status = KQImageFilesWrite(chain, operation.offset, operation.data.data(),
+                                   static_cast<std::uint32_t>(operation.data.size()), nullptr);
+        break;
+      case Step::kClose:
+        status = KQImageFilesClose(chain, nullptr, nullptr, 0);
+        break;
+      case Step::kConvert:
+        status = KQImageFilesClose(chain, paths.newImage.c_str(), nullptr, 0);
+        break;
+    }
+    if (status.status != 0) return 1;
+    finished->fetch_add(1);
+  }
+  return 0;
+}
+
+// Bytes of the volume and which of them are held.
+struct Held {
+  Bytes bytes = Bytes(kBytes);
+  Bytes held = Bytes(kBytes);  // 1 or 0 for each byte
+
+  void Write(const Operation& operation) {
+    SetBytes(&bytes, operation.offset, operation.data);
+    std::fill_n(held.begin() + operation.offset, operation.data.size(), std::uint8_t{1});
+  }
+};
+
+// What is known after so many finished operations.
+struct Expected {
+  Held now;  // by all finished writes
+  bool everClosed = false;
+  Bytes closedHeld;                    // what is held since the last close
+  const Operation* running = nullptr;  // the next, which may have been cut off
+
+  bool Runs(Step step) const { return running != nullptr && running->step == step; }
+};
+
+Expected Replay(const std::vector<Operation>& plan, std::uint32_t finished) {
+  Expected expected;
+  for (std::uint32_t i = 0; i < finished; ++i) {
+    if (plan[i].step == Step::kWrite) expected.now.Write(plan[i]);
+    if (plan[i].step == Step::kClose || plan[i].step == Step::kConvert) {
+      expected.closedHeld = expected.now.held;
+      expected.everClosed = true;
+    }
+  }
+  if (finished < plan.size()) expected.running = &plan[finished];
+  return expected;
+}
+
+// The file's bytes, and which it holds: those that do not depend on the buffer's content before.
+Held ReadHeld(std::uint64_t sparse) {
+  Held result;
+  Bytes other(kBytes, 0xFF);
+  EXPECT_EQ(KQSparseFileRead(sparse, 0, result.bytes.data(), kBytes, nullptr).status, 0);
+  EXPECT_EQ(KQSparseFileRead(sparse, 0, other.data(), kBytes, nullptr).status, 0);
+  for (std::uint32_t i = 0; i < kBytes; ++i) result.held[i] = result.bytes[i] == other[i] ? 1 : 0;
+  return result;
+}
+
+void ExpectClosedState(const Held& found, const Expected& expected) {
+  // A close that was cut off may have come to its end in the file.
+  const bool closing = expected.Runs(Step::kClose) || expected.Runs(Step::kConvert);
+  ASSERT_TRUE((expected.everClosed && found.held == expected.closedHeld) ||
+              (closing && found.held == expected.now.held))
+      << "other extents than at a close";
+  // A write that was cut off may be there in part.
+  Bytes next = expected.now.bytes;
+  if (expected.Runs(Step::kWrite)) {
+    SetBytes(&next, expected.running->offset, expected.running->data);
+  }
+  for (std::uint32_t i = 0; i < kBytes; ++i) {
+    ASSERT_TRUE(found.held[i] == 0 || found.bytes[i] == expected.now.bytes[i] ||
+                found.bytes[i] == next[i])
+        << "byte " << i;
+  }
+}
+
+class OverlayCrash : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ImageSpec spec;
+    spec.chunks = {RawChunk({{0, kBytes / kSector}}, base_)};
+    WriteFile(paths_.base, BuildImage(spec));
+  }
+
+  // Runs the plan in a process that is killed once it has finished that many operations, and a
+  // moment more. Returns how many it has finished in the end.
+  std::uint32_t RunAndKill(const std::vector<Operation>& plan, std::uint32_t operations,
+                           std::chrono::nanoseconds moment) {
+    const SharedProgress progress;
+    const pid_t child = fork();
+    if (child == 0) _exit(RunPlan(plan, paths_, &progress.finished()));
+    EXPECT_GT(child, 0);
+    int state = 0;
+    pid_t ended = 0;
+    while (progress.finished() < operations && ended == 0) {
+      sched_yield();
+      ended = waitpid(child, &state, WNOHANG);
+    }
+    const auto end = std::chrono::steady_clock::now() + moment;
+    while (std::chrono::steady_clock::now() < end) {
+    }
+    if (ended == 0) {
+      kill(child, SIGKILL);
+      waitpid(child, &state, 0);
+    }
+    EXPECT_TRUE(WIFSIGNALED(state) ? WTERMSIG(state) == SIGKILL : WEXITSTATUS(state) == 0)
+        << "an operation failed";
+    return progress.finished();
+  }
+
+  void CheckSparseFile(const Expected& expected) {
+    std::uint64_t sparse = 0;
+    const KQStatus status =
+        KQSparseFileOpen2(paths_.sparse.c_str(), KQ_SPARSE_OPEN_EXISTING, 1, 10, &sparse);
+    if (status.status != 0) {
+      ++refused_;
+      // Without a finished close there may be no file yet; a clean one is never refused.
+      ASSERT_TRUE(status.status == -1392 || (status.status == -2 && !expected.everClosed));
+      ASSERT_NE(expected.running, nullptr) << "the file was closed, and is refused";
+      return;
+    }
+    ++accepted_;
+    const Held found = ReadHeld(sparse);
+    EXPECT_EQ(KQSparseFileClose(sparse, 0).status, 0);
+    ExpectClosedState(found, expected);
+  }
+
+  void CheckNewImage(const Expected& expected, bool converted) {
+    if (!std::filesystem::exists(paths_.newImage)) {
+      ASSERT_FALSE(converted);
+      return;
+    }
+    std::uint64_t chain = 0;
+    const std::string files = paths_.base + "|" + paths_.newImage;
+    const KQStatus status = KQImageFilesOpen(files.c_str(), nullptr, 0, &chain);
+    if (status.status != 0) {
+      // A file without even its header can't be read as far as that.
+      ASSERT_FALSE(converted) << status.status;
+      ++unfinishedImages_;
+      return;
+    }
+    ++images_;
+    Bytes wanted = base_;
+    for (std::uint32_t i = 0; i < kBytes; ++i) {
+      if (expected.now.held[i] != 0) wanted[i] = expected.now.bytes[i];
+    }
+    Bytes read(kBytes);
+    ASSERT_EQ(KQImageFilesRead(chain, 0, read.data(), kBytes, nullptr).status, 0);
+    ASSERT_TRUE(read == wanted) << "the new image is not whole";
+    ASSERT_EQ(KQImageFilesClose(chain, nullptr, nullptr, 0).status, 0);
+  }
+
+  TempDir folder_;
+  Paths paths_{folder_.Path("base.twf"), folder_.Path("sparse"), folder_.Path("new.twi")};
+  Bytes base_ = PatternBytes(1, kBytes);
+  int accepted_ = 0;
+  int refused_ = 0;
+  int images_ = 0;
+  int unfinishedImages_ = 0;
+};
+
+TEST_F(OverlayCrash, KilledProcessLeavesAClosedStateOrARefusedFile) {
+  const std::uint32_t seed = TestSeed();
+  for (std::uint32_t round = 0; round < kKills && !HasFatalFailure(); ++round) {
+    SCOPED_TRACE(round);
+    Dice dice((std::uint64_t{seed} << 32) + round);
+    const std::vector<Operation> plan = Plan(&dice);
+    std::filesystem::remove(paths_.sparse);
+    std::filesystem::remove(paths_.newImage);
+    // Closes are few but have many steps: every other kill meets one.
+    auto operations = dice.Below(plan.size() + 1);
+    if (dice.Below(2) == 0) {
+      while (operations + 1 < plan.size() && plan[operations].step == Step::kWrite) ++operations;
+    }
+    const std::uint32_t finished =
+        RunAndKill(plan, operations, std::chrono::nanoseconds(dice.Below(200000)));
+
+    const Expected expected = Replay(plan, finished);
+    CheckSparseFile(expected);
+    if (HasFatalFailure()) break;
+    CheckNewImage(expected, finished == plan.size());
+  }
+  std::printf("%d accepted, %d refused; %d images, %d unfinished\n", accepted_, refused_, images_,
+              unfinishedImages_);
+  EXPECT_GT(accepted_, 0);
+  EXPECT_GT(refused_, 0);
+}
+
+}  // namespace
+}  // namespace kqtest

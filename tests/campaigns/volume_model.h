@@ -1,0 +1,149 @@
+// A volume as it should read, the chain of images that holds it, and the sparse file over that.
+#ifndef KQ_TESTS_CAMPAIGNS_VOLUME_MODEL_H
+#define KQ_TESTS_CAMPAIGNS_VOLUME_MODEL_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kqimageapi.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/image_cipher.h"
+#include "tests/support/temp_dir.h"
+
+namespace kqtest {
+
+constexpr std::uint32_t kVolumeBytes = 3 << 19;
+constexpr char kVolumePassword[] = "a password";
+
+// Random numbers, and data of all kinds that volumes hold.
+class Dice {
+ public:
+  explicit Dice(std::uint64_t seed) : random_(seed) {}
+
+  std::uint32_t Below(std::uint64_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
+
+  void Fill(std::uint8_t* data, std::size_t size) {
+    switch (Below(4)) {
+      case 0:
+        std::memset(data, 0, size);
+        break;
+      case 1:
+        for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<std::uint8_t>(i % 23 + size);
+        break;
+      default:
+        for (std::size_t i = 0; i < size; i += 8) {
+          const std::uint64_t word = random_();
+          std::memcpy(data + i, &word, std::min<std::size_t>(8, size - i));
+        }
+    }
+  }
+
+ private:
+  std::mt19937_64 random_;
+};
+
+// What the images of a chain have in common.
+struct ChainKind {
+  std::uint32_t sectorSize = 512;
+  std::uint32_t laterSectors = 0;
+  std::uint32_t compressionType = 0;
+  std::uint32_t encryptionType = 0;
+};
+
+// Images that the writer makes of random stretches. Bytes that none holds are zero.
+class ModelChain {
+ public:
+  ModelChain(Dice* dice, std::string folder) : dice_(dice), folder_(std::move(folder)) {}
+
+  const std::vector<std::string>& files() const { return files_; }
+  const Bytes& volume() const { return volume_; }
+  const ChainKind& kind() const { return kind_; }
+
+  // In any order.
+  std::string List() const {
+    std::string list;
+    for (const std::string& file : files_) {
+      list = list.empty() ? file : dice_->Below(2) == 0 ? list + "|" + file : file + "|" + list;
+    }
+    return list;
+  }
+
+  std::string NewPath() { return folder_ + "/image" + std::to_string(++lastName_); }
+
+  // A base and increments upon it, of a new kind.
+  void Restart(std::size_t files) {
+    static constexpr std::uint32_t kSectorSizes[] = {512, 512, 1024, 4096};
+    static constexpr std::uint32_t kCompressionTypes[] = {0, 5, 6};
+    kind_ = {kSectorSizes[dice_->Below(4)], dice_->Below(3), kCompressionTypes[dice_->Below(3)],
+             dice_->Below(2) == 0 ? 0 : 1 + dice_->Below(4)};
+    files_.clear();
+    volume_.assign(kVolumeBytes, 0);
+    while (files_.size() < files && !::testing::Test::HasFatalFailure()) AddWrittenImage();
+  }
+
+  // An image that holds the volume from now on.
+  void Add(std::string path) { files_.push_back(std::move(path)); }
+  void Set(std::size_t offset, const Bytes& data) { SetBytes(&volume_, offset, data); }
+
+ private:
+  void AddWrittenImage() {
+    const Bytes headerTemplate = Template();
+    const std::string path = NewPath();
+    std::uint64_t image = 0;
+    ASSERT_EQ(KQNewImageFileCreate2(
+                  headerTemplate.data(), static_cast<std::uint32_t>(headerTemplate.size()),
+                  kVolumePassword, path.c_str(), nullptr, nullptr, nullptr, nullptr, &image)
+                  .status,
+              0);
+    const std::uint32_t sectors = kVolumeBytes / kind_.sectorSize;
+    std::uint32_t sector = dice_->Below(50);
+    while (sector < sectors) {
+      const std::uint32_t count =
+          std::min(1 + dice_->Below(files_.empty() ? 400 : 8), sectors - sector);
+      const std::size_t offset = std::size_t{sector} * kind_.sectorSize;
+      const std::size_t size = std::size_t{count} * kind_.sectorSize;
+      dice_->Fill(volume_.data() + offset, size);
+      ASSERT_EQ(KQNewImageFileWrite(image, volume_.data() + offset,
+                                    static_cast<std::uint32_t>(size), offset)
+                    .status,
+                0);
+      sector += count + dice_->Below(files_.empty() ? 60 : 500);
+    }
+    ASSERT_EQ(KQNewImageFileClose(image, nullptr).status, 0);
+    files_.push_back(path);
+  }
+
+  // The newest file's header, or one that makes a base.
+  Bytes Template() const {
+    if (!files_.empty()) {
+      Bytes header = ReadFile(files_.back());
+      header.resize(std::size_t{kind_.sectorSize} * (kind_.laterSectors + 1));
+      return header;
+    }
+    ImageSpec spec;
+    spec.header.imageId = Id{};
+    spec.header.sectorSize = kind_.sectorSize;
+    spec.header.sourceSize = kVolumeBytes;
+    spec.header.compressionType = kind_.compressionType;
+    spec.header.laterSectors = PatternBytes(3, std::size_t{kind_.sectorSize} * kind_.laterSectors);
+    if (kind_.encryptionType != 0) EncipherImage(&spec, kind_.encryptionType, kVolumePassword);
+    return BuildHeader(spec);
+  }
+
+  Dice* dice_;
+  std::string folder_;
+  ChainKind kind_;
+  std::vector<std::string> files_;
+  Bytes volume_;
+  int lastName_ = 0;
+};
+
+}  // namespace kqtest
+
+#endif
