@@ -1,6 +1,7 @@
 // The block codec against liblzo2 in one run, chunk by chunk in turn, on data like a backup's: a
-// tar-like file of programs, headers and documents found below /usr. Times are of the thread, so
-// that a busy machine counts little, and each counter is the median over the iterations:
+// tar-like file of programs, headers and documents found below /usr, as a whole and each by itself,
+// and noise. Times are of the thread, so that a busy machine counts little, and each counter is the
+// median over the iterations:
 //   MiBps, peerMiBps   uncompressed bytes a second, ours and the peer's
 //   ratio              ours to the peer's; above 1 we are faster
 //   size, peerSize     compressed bytes for 1000 uncompressed
@@ -15,6 +16,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -83,38 +85,70 @@ void AppendFile(const fs::path& path, Bytes* corpus) {
   corpus->resize((corpus->size() + kTarBlock - 1) / kTarBlock * kTarBlock);
 }
 
+std::vector<Bytes> Cut(const Bytes& corpus) {
+  std::vector<Bytes> result;
+  for (std::size_t at = 0; at + kChunkBytes <= corpus.size(); at += kChunkBytes) {
+    result.emplace_back(corpus.begin() + static_cast<std::ptrdiff_t>(at),
+                        corpus.begin() + static_cast<std::ptrdiff_t>(at + kChunkBytes));
+  }
+  return result;
+}
+
+using Chunks = std::vector<Bytes>;
+
+void AppendFolder(const char* folder, std::size_t share, Bytes* corpus) {
+  const std::size_t goal = corpus->size() + kCorpusBytes / 64 * share;
+  for (const fs::path& file : FilesBelow(folder)) {
+    if (corpus->size() >= goal) break;
+    AppendFile(file, corpus);
+  }
+}
+
 // Half programs and libraries, a quarter headers, a quarter documents and other shared data.
-const std::vector<Bytes>& Chunks() {
-  static const std::vector<Bytes> chunks = [] {
+const Chunks& Mixed() {
+  static const Chunks chunks = [] {
     Bytes corpus;
-    const struct {
-      const char* folder;
-      std::size_t share;
-    } kSources[] = {{"/usr/bin", 24}, {"/usr/lib", 8}, {"/usr/include", 16}, {"/usr/share", 16}};
-    for (const auto& source : kSources) {
-      const std::size_t goal = corpus.size() + kCorpusBytes / 64 * source.share;
-      for (const fs::path& file : FilesBelow(source.folder)) {
-        if (corpus.size() >= goal) break;
-        AppendFile(file, &corpus);
-      }
-    }
-    std::vector<Bytes> result;
-    for (std::size_t at = 0; at + kChunkBytes <= corpus.size(); at += kChunkBytes) {
-      result.emplace_back(corpus.begin() + static_cast<std::ptrdiff_t>(at),
-                          corpus.begin() + static_cast<std::ptrdiff_t>(at + kChunkBytes));
-    }
-    return result;
+    AppendFolder("/usr/bin", 24, &corpus);
+    AppendFolder("/usr/lib", 8, &corpus);
+    AppendFolder("/usr/include", 16, &corpus);
+    AppendFolder("/usr/share", 16, &corpus);
+    return Cut(corpus);
   }();
   return chunks;
 }
+
+const Chunks& Folder(const char* folder) {
+  static std::map<std::string, Chunks> folders;
+  Chunks& chunks = folders[folder];
+  if (chunks.empty()) {
+    Bytes corpus;
+    AppendFolder(folder, 16, &corpus);
+    chunks = Cut(corpus);
+  }
+  return chunks;
+}
+const Chunks& Programs() { return Folder("/usr/bin"); }
+const Chunks& Headers() { return Folder("/usr/include"); }
+const Chunks& SharedData() { return Folder("/usr/share"); }
+
+const Chunks& Noise() {
+  static const Chunks chunks = [] {
+    std::mt19937_64 random(1);
+    Bytes corpus(8 * kChunkBytes);
+    for (std::uint8_t& byte : corpus) byte = static_cast<std::uint8_t>(random());
+    return Cut(corpus);
+  }();
+  return chunks;
+}
+
+using Corpus = const Chunks& (*)();
 
 struct Pair {
   std::vector<double> ours;
   std::vector<double> peers;
   std::vector<double> ratios;
 
-  void Add(double oursSeconds, double peerSeconds) {
-    const double mebibytes = static_cast<double>(Chunks().size());
+  void Add(double mebibytes, double oursSeconds, double peerSeconds) {
     ours.push_back(mebibytes / oursSeconds);
     peers.push_back(mebibytes / peerSeconds);
     ratios.push_back(peerSeconds / oursSeconds);
@@ -128,35 +162,36 @@ struct Pair {
 
 // Runs both on each chunk in turn, the first one changing from chunk to chunk.
 template <class Ours, class Peer>
-void Compare(benchmark::State& state, const Ours& ours, const Peer& peer) {
+void Compare(benchmark::State& state, std::size_t chunks, const Ours& ours, const Peer& peer) {
   Pair pair;
   for (auto iteration : state) {
     double oursSeconds = 0;
     double peerSeconds = 0;
-    for (std::size_t i = 0; i < Chunks().size(); ++i) {
+    for (std::size_t i = 0; i < chunks; ++i) {
       if (i % 2 == 0) oursSeconds += Timed([&] { ours(i); });
       peerSeconds += Timed([&] { peer(i); });
       if (i % 2 != 0) oursSeconds += Timed([&] { ours(i); });
     }
-    pair.Add(oursSeconds, peerSeconds);
+    pair.Add(static_cast<double>(chunks), oursSeconds, peerSeconds);
     state.SetIterationTime(oursSeconds);
   }
   pair.Report(&state);
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
-                          static_cast<std::int64_t>(Chunks().size() * kChunkBytes));
+                          static_cast<std::int64_t>(chunks * kChunkBytes));
 }
 
 using PeerCompress = int (*)(const lzo_bytep, lzo_uint, lzo_bytep, lzo_uintp, lzo_voidp);
 
-void LzoCompress(benchmark::State& state, PeerCompress peer, std::size_t peerMemory) {
-  const std::vector<Bytes>& chunks = Chunks();
+void LzoCompress(benchmark::State& state, Corpus corpus, PeerCompress peer,
+                 std::size_t peerMemory) {
+  const Chunks& chunks = corpus();
   std::vector<std::uint64_t> table(kq::kLzoHashTableBytes / sizeof(std::uint64_t));
   Bytes peerTable(peerMemory);
   Bytes output(kCompressedRoom);
   std::uint64_t size = 0;
   std::uint64_t peerSize = 0;
   Compare(
-      state,
+      state, chunks.size(),
       [&](std::size_t i) {
         std::uint64_t length = output.size();
         if (kq::LzoBlockCompress(chunks[i].data(), kChunkBytes, output.data(), &length,
@@ -177,10 +212,10 @@ void LzoCompress(benchmark::State& state, PeerCompress peer, std::size_t peerMem
 }
 
 // Both decode the stream that our compressor made of each chunk.
-void LzoDecompress(benchmark::State& state) {
+void LzoDecompress(benchmark::State& state, Corpus corpus) {
   std::vector<Bytes> streams;
   std::vector<std::uint64_t> table(kq::kLzoHashTableBytes / sizeof(std::uint64_t));
-  for (const Bytes& chunk : Chunks()) {
+  for (const Bytes& chunk : corpus()) {
     Bytes stream(kCompressedRoom);
     std::uint64_t length = stream.size();
     kq::LzoBlockCompress(chunk.data(), chunk.size(), stream.data(), &length, table.data());
@@ -189,7 +224,7 @@ void LzoDecompress(benchmark::State& state) {
   }
   Bytes output(kChunkBytes);
   Compare(
-      state,
+      state, streams.size(),
       [&](std::size_t i) {
         std::uint64_t length = output.size();
         std::uint64_t consumed = 0;
@@ -238,15 +273,27 @@ void ReadRunList(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRuns));
 }
 
-BENCHMARK_CAPTURE(LzoCompress, AgainstLzo1x_1_15, lzo1x_1_15_compress, LZO1X_1_15_MEM_COMPRESS)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(11);
-BENCHMARK_CAPTURE(LzoCompress, AgainstLzo1x_1, lzo1x_1_compress, LZO1X_1_MEM_COMPRESS)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(11);
-BENCHMARK(LzoDecompress)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(21);
+void Compressing(benchmark::internal::Benchmark* benchmark) {
+  benchmark->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(11);
+}
+void Decompressing(benchmark::internal::Benchmark* benchmark) {
+  benchmark->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(21);
+}
+
+// Each against lzo1x_1_15_compress but the last.
+#define KQ_COMPRESS(Name) \
+  BENCHMARK_CAPTURE(LzoCompress, Name, Name, lzo1x_1_15_compress, LZO1X_1_15_MEM_COMPRESS)
+KQ_COMPRESS(Mixed)->Apply(Compressing);
+KQ_COMPRESS(Programs)->Apply(Compressing);
+KQ_COMPRESS(Headers)->Apply(Compressing);
+KQ_COMPRESS(SharedData)->Apply(Compressing);
+KQ_COMPRESS(Noise)->Apply(Compressing);
+BENCHMARK_CAPTURE(LzoCompress, MixedAgainstLzo1x_1, Mixed, lzo1x_1_compress, LZO1X_1_MEM_COMPRESS)
+    ->Apply(Compressing);
+BENCHMARK_CAPTURE(LzoDecompress, Mixed, Mixed)->Apply(Decompressing);
+BENCHMARK_CAPTURE(LzoDecompress, Programs, Programs)->Apply(Decompressing);
+BENCHMARK_CAPTURE(LzoDecompress, Headers, Headers)->Apply(Decompressing);
+BENCHMARK_CAPTURE(LzoDecompress, SharedData, SharedData)->Apply(Decompressing);
 BENCHMARK(AllZero);
 BENCHMARK(ReadRunList);
 

@@ -50,7 +50,7 @@ template <std::uint32_t kBound>
 inline std::uint32_t IfBelow(std::uint32_t value, std::uint32_t yes, std::uint32_t no) {
   asm("cmp %[bound], %[value]\n\tcmovb %[yes], %[no]"
       : [no] "+r"(no)
-      : [value] "r"(value), [bound] "i"(kBound), [yes] "rm"(yes)
+      : [value] "r"(value), [bound] "i"(kBound), [yes] "r"(yes)
       : "cc");
   return no;
 }
