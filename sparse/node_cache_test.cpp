@@ -1,5 +1,6 @@
 #include "sparse/node_cache.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 #include <vector>
@@ -114,6 +115,17 @@ TEST_F(NodeCacheTest, LargestLimitHolds) {
   OpenWithLeaves(65535);
   for (std::size_t i = 0; i < 6; ++i) EXPECT_TRUE(IsRead(i));
   for (std::size_t i = 0; i < 6; ++i) EXPECT_FALSE(IsRead(i));
+}
+
+// A full cache is looked into through its index, whose lists must stay short wherever nodes lie.
+TEST(NodeCacheIndex, PositionsSpreadOverAllLists) {
+  const int cache = 0;
+  for (const std::uint64_t distance :
+       {4096U, 8192U, 64U * 4096U, 201U * 4096U, 1U << 20, 1U << 30}) {
+    std::vector<int> lists(4096);
+    for (std::uint64_t i = 0; i < 65535; ++i) ++lists[kq::HashOf(&cache, i * distance) >> 52];
+    EXPECT_LT(*std::max_element(lists.begin(), lists.end()), 64) << distance;  // 16 on average
+  }
 }
 
 TEST_F(NodeCacheTest, UnchangedNodeIsNotWritten) {

@@ -225,7 +225,7 @@ TEST_F(SparseWriter, UnalignedAddressIsWrittenFromACopy) {
 }
 
 TEST_F(SparseTransfer, AppendsAtTheEndFilledUpWithZero) {
-  for (const std::size_t distance : {0, 7}) {
+  for (const std::size_t distance : {std::size_t{0}, std::size_t{7}}) {
     for (const std::uint32_t length : {1U, 4095U, 4096U, 4097U, 0x10001U}) {
       Bytes expected = File();
       const std::uint64_t end = expected.size();
