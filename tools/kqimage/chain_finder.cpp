@@ -3,13 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
+#include <optional>
 #include <set>
 #include <utility>
 
+#include "kqimage/catalogue.h"
 #include "kqimage/failure.h"
 #include "kqimage/file_identity.h"
 #include "kqimage/text.h"
@@ -20,17 +20,6 @@ namespace {
 using Id = std::uint8_t[16];
 
 bool SameId(const Id& a, const Id& b) { return std::memcmp(a, b, sizeof(Id)) == 0; }
-
-// .twf and .twi, and the names of further parts of a split image: .tw1, .tw2, ...
-bool HasImageExtension(const std::filesystem::path& path) {
-  std::string extension = path.extension().string();
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (extension == ".twf" || extension == ".twi") return true;
-  return extension.size() > 3 && extension.starts_with(".tw") &&
-         std::all_of(extension.begin() + 3, extension.end(),
-                     [](unsigned char c) { return std::isdigit(c) != 0; });
-}
 
 std::string KindText(const ImageFileInfo& info) {
   return IsBase(info) ? "full image" : "increment";
@@ -72,35 +61,55 @@ Chain FindParts(const ImageFile& sibling, const ImageFile& newest,
   return parts;
 }
 
-// The image files of a folder, those first-named that are the same file under several names.
-std::vector<ImageFile> ReadFolder(const std::filesystem::path& folder, const std::string& named,
-                                  std::vector<std::string>& unreadable) {
-  std::vector<std::string> paths;
-  std::error_code error;
-  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    std::error_code ignored;
-    // A pipe or a device under such a name is never opened.
-    if (!HasImageExtension(entry->path()) || !entry->is_regular_file(ignored)) continue;
-    paths.push_back(entry->path().string());
-  }
-  if (error) FailErrno(error.value(), "search the folder", folder.string());
-  std::sort(paths.begin(), paths.end());
-
+// The files, each once if several paths lead to it. What has become unreadable is left out.
+std::vector<ImageFile> ReadFiles(const std::vector<std::string>& paths) {
   std::set<FileIdentity> seen;
-  if (const auto identity = IdentityOf(named)) seen.insert(*identity);
   std::vector<ImageFile> files;
   for (const std::string& path : paths) {
     const auto identity = IdentityOf(path);
     if (!identity || !seen.insert(*identity).second) continue;
     std::string why;
-    if (auto file = TryReadImageFile(path, why)) {
-      files.push_back(*std::move(file));
-    } else {
-      unreadable.push_back(fmt::format("{}: {}", Printable(path), why));
-    }
+    if (auto file = TryReadImageFile(path, why)) files.push_back(*std::move(file));
   }
   return files;
+}
+
+void AppendPaths(const std::vector<CataloguedFile>& files, std::vector<std::string>& paths) {
+  for (const CataloguedFile& file : files) {
+    paths.push_back(file.path);
+    paths.insert(paths.end(), file.parts.begin(), file.parts.end());
+  }
+}
+
+std::optional<Chain> TryAssemble(const ImageFile& newest, const std::vector<std::string>& paths) {
+  try {
+    return AssembleChain(newest, ReadFiles(paths), "");
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
+std::vector<std::string> FoldersOf(const std::string& newest,
+                                   const std::vector<std::string>& others) {
+  std::error_code error;
+  const std::filesystem::path real = std::filesystem::canonical(newest, error);
+  if (error) FailErrno(error.value(), "find", newest);
+  std::vector<std::string> folders = {real.parent_path().string()};
+  // A folder of links may hold the rest of the chain beside the link.
+  if (std::filesystem::is_symlink(newest, error)) {
+    const std::string folder = std::filesystem::path(newest).parent_path().string();
+    folders.push_back(folder.empty() ? "." : folder);
+  }
+  folders.insert(folders.end(), others.begin(), others.end());
+  return folders;
+}
+
+std::string WhereText(const std::vector<std::string>& folders) {
+  std::string text = folders.size() == 1 ? "in the folder " : "in the folders ";
+  for (std::size_t i = 0; i < folders.size(); ++i) {
+    text += (i == 0 ? "" : ", ") + Printable(folders[i]);
+  }
+  return text;
 }
 
 }  // namespace
@@ -140,22 +149,33 @@ Chain AssembleChain(const ImageFile& newest, std::span<const ImageFile> candidat
   }
 }
 
-Chain FindChain(const std::string& newest) {
+Chain FindChain(const std::string& newest, const std::vector<std::string>& otherFolders) {
   const ImageFile file = ReadImageFile(newest);
   if (IsBase(file.info) && file.info.partIndex == 0 && file.info.lastPart != 0) return {file};
 
-  std::filesystem::path folder = std::filesystem::path(newest).parent_path();
-  if (folder.empty()) folder = ".";
-  std::vector<std::string> unreadable;
-  const std::vector<ImageFile> candidates = ReadFolder(folder, newest, unreadable);
+  const std::vector<std::string> folders = FoldersOf(newest, otherFolders);
+  Catalogue catalogue;
+  for (const std::string& folder : folders) catalogue.Add(folder);
+  if (auto chain = TryAssemble(file, catalogue.ChainOf(newest))) return *std::move(chain);
+
+  // The catalogue's chain can pass an incomplete copy of an image although there is a complete one,
+  // and it knows only files that are named as images, so that a chain can't be asked for by a later
+  // part of a split image.
+  std::vector<std::string> paths;
+  AppendPaths(catalogue.Whole(), paths);
+  if (auto chain = TryAssemble(file, paths)) return *std::move(chain);
+
+  AppendPaths(catalogue.Orphans(), paths);
   try {
-    return AssembleChain(file, candidates,
-                         fmt::format("in the folder {}", Printable(folder.string())));
+    return AssembleChain(file, ReadFiles(paths), WhereText(folders));
   } catch (const Failure& failure) {
-    if (unreadable.empty()) throw;
     std::string message = failure.what();
-    message += "; these files of the folder can't be read:";
-    for (const std::string& line : unreadable) message += "\n  " + line;
+    for (const std::string& problem : catalogue.Problems()) message += "; " + problem;
+    const std::vector<LeftOutFile> leftOut = catalogue.LeftOut();
+    if (!leftOut.empty()) message += "; these files can't be used:";
+    for (const LeftOutFile& other : leftOut) {
+      message += fmt::format("\n  {}: {}", Printable(other.path), other.why);
+    }
     throw Failure(message);
   }
 }

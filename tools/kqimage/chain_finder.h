@@ -1,8 +1,9 @@
 // Finds the files of a chain.
 //
-// An image names its parent by identifier alone, so the files behind a given image are found by
-// asking every image file in its folder who it is. Only the files that the chain needs are
-// returned: newer increments and other volumes' images in the folder don't disturb.
+// An image names its parent by identifier alone, so the files behind a given image are found in the
+// library's catalogue of the image files in its folder and in others that are to be searched. Only
+// the files that the chain needs are returned: newer increments and other volumes' images don't
+// disturb. Of copies of an image, one from an earlier folder is taken.
 #ifndef KQIMAGE_CHAIN_FINDER_H
 #define KQIMAGE_CHAIN_FINDER_H
 
@@ -14,9 +15,10 @@
 
 namespace kqimage {
 
-// The chain that ends at the image in the given file, its other files taken from the same folder.
-// Throws a Failure that names what is missing, or what there is twice.
-Chain FindChain(const std::string& newest);
+// The chain that ends at the image in the given file. Its other files come from the file's folder,
+// which is that of its target if the file is a symbolic link, and from the given folders. Throws a
+// Failure that names what is missing.
+Chain FindChain(const std::string& newest, const std::vector<std::string>& folders);
 
 // The chain that the given files form, in any order; all of them must belong to it.
 Chain OrderChain(const std::vector<std::string>& paths);

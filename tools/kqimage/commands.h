@@ -14,6 +14,8 @@ void AddCreateCommand(CLI::App& app, Run& run);
 void AddIncrementCommand(CLI::App& app, Run& run);
 void AddRestoreCommand(CLI::App& app, Run& run);
 void AddInfoCommand(CLI::App& app, Run& run);
+void AddListCommand(CLI::App& app, Run& run);
+void AddChainCommand(CLI::App& app, Run& run);
 void AddRepairCommand(CLI::App& app, Run& run);
 
 }  // namespace kqimage

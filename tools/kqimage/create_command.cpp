@@ -27,6 +27,7 @@ namespace {
 
 constexpr char kExamples[] = R"(Examples:
   kqimage create /dev/sdb1 /backup/data.twf
+  kqimage create /dev/sdb1 /backup          as /backup/sdb1-b001.twf, the next time -b002
   kqimage create --compress lzo-huffman --comment "before the upgrade" disk.img disk.twf
   kqimage create --partition 2 disk.img second.twf
   kqimage create --encrypt aes256 /dev/sdb1 /backup/data.twf
@@ -176,7 +177,9 @@ void AddCreateCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<CreateOptions>();
   CLI::App* command = app.add_subcommand("create", "Make a full image of a volume");
   AddSourceOptions(*command, options->source);
-  command->add_option("IMAGE", options->image, "The new image, NAME.twf")
+  command
+      ->add_option("IMAGE", options->image,
+                   "The new image, NAME.twf, or a folder, where it is named SOURCE-b001.twf")
       ->required()
       ->type_name("");
   command
@@ -196,7 +199,14 @@ void AddCreateCommand(CLI::App& app, Run& run) {
   AddPasswordOptions(*command, options->password);
   AddImageOptions(*command, options->common, "lzo without this option");
   command->footer(kExamples);
-  command->callback([options, &run] { run = [options] { Create(*options); }; });
+  command->callback([options, &run] {
+    run = [options] {
+      if (IsFolder(options->image)) {
+        options->image = NextBasePath(options->source.path, options->image);
+      }
+      Create(*options);
+    };
+  });
 }
 
 }  // namespace kqimage

@@ -21,6 +21,7 @@
 #include "kqimage/output_file.h"
 #include "kqimage/password_options.h"
 #include "kqimage/progress.h"
+#include "kqimage/search_option.h"
 #include "kqimage/text.h"
 #include "kqimage/volume_origin.h"
 #include "kqimage/volume_pieces.h"
@@ -31,6 +32,7 @@ namespace {
 constexpr char kExamples[] = R"(Examples:
   kqimage increment /dev/sdb1 /backup/data.twf
   kqimage increment /dev/sdb1 /backup/data-i001.twi /backup/tuesday.twi
+  kqimage increment /dev/sdb1 /backup/data-i001.twi /mnt/other --search /mnt/old
   kqimage increment disk.img b.twi c.twi --chain /elsewhere/a.twf
   kqimage increment --password-file /root/backup-key /dev/sdb1 /backup/secret.twf
 
@@ -43,12 +45,13 @@ struct IncrementOptions {
   std::string image;
   std::string out;
   std::vector<std::string> chain;
+  std::vector<std::string> folders;
   PasswordOptions password;
   ImageOptions common;
 };
 
 Chain ResolveChain(const IncrementOptions& options) {
-  if (options.chain.empty()) return FindChain(options.image);
+  if (options.chain.empty()) return FindChain(options.image, options.folders);
   std::vector<std::string> files = options.chain;
   files.push_back(options.image);
   Chain chain = OrderChain(files);
@@ -115,8 +118,16 @@ void StoreUnchangedBlock(const ChainReader& chain, std::uint64_t volumeSize, Ima
   writer.Write(0, std::span(block).first(length));
 }
 
+// Without a name of its own, the new image continues the series that IMAGE is in.
+std::string OutPath(const IncrementOptions& options) {
+  if (options.out.empty() || IsFolder(options.out)) {
+    return NextIncrementPath(options.image, options.out);
+  }
+  return options.out;
+}
+
 void Increment(const IncrementOptions& options) {
-  const std::string out = options.out.empty() ? NextIncrementPath(options.image) : options.out;
+  const std::string out = OutPath(options);
   if (!HasExtension(out, ".twi")) {
     throw UsageFailure(fmt::format("{}: the name of an increment ends in .twi", Printable(out)));
   }
@@ -175,13 +186,16 @@ void AddIncrementCommand(CLI::App& app, Run& run) {
   command->add_option("IMAGE", options->image, "The image to build on")->required()->type_name("");
   command
       ->add_option("OUT", options->out,
-                   "The new image, NAME.twi; without it the next free name beside IMAGE")
+                   "The new image, NAME.twi, or a folder, where it gets the next free name; "
+                   "without it the next free name beside IMAGE")
       ->type_name("");
+  CLI::Option* search = AddSearchOption(*command, options->folders);
   command
       ->add_option("--chain", options->chain,
                    "A file that IMAGE builds on; give it for each of them, then no folder is "
                    "searched")
       ->allow_extra_args(false)
+      ->excludes(search)
       ->type_name("FILE");
   AddPasswordOptions(*command, options->password);
   AddImageOptions(*command, options->common, "IMAGE's own without this option");

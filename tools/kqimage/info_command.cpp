@@ -12,6 +12,7 @@
 #include "kqimage/image_file.h"
 #include "kqimage/info_report.h"
 #include "kqimage/password_options.h"
+#include "kqimage/search_option.h"
 
 namespace kqimage {
 namespace {
@@ -26,6 +27,7 @@ given is tried, and a wrong one is a failure.)";
 
 struct InfoOptions {
   std::string file;
+  std::vector<std::string> folders;
   bool json = false;
   PasswordOptions password;
 };
@@ -55,6 +57,7 @@ void Info(const InfoOptions& options) {
   if (isPlain || password.CString() != nullptr) {
     report.origin = ReadOrigin(options.file, password.CString());
   }
+  report.chain = ReportChain(options.file, options.folders);
   fmt::print("{}", options.json ? JsonReport(report) : TextReport(report));
 }
 
@@ -64,6 +67,7 @@ void AddInfoCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<InfoOptions>();
   CLI::App* command = app.add_subcommand("info", "Tell what an image's header says");
   command->add_option("FILE", options->file, "The image")->required()->type_name("");
+  AddSearchOption(*command, options->folders);
   command->add_flag("--json", options->json, "Print one JSON object");
   AddPasswordOptions(*command, options->password);
   command->footer(kExamples);

@@ -1,6 +1,7 @@
 #include "kqimage/info_report.h"
 
 #include <fmt/format.h>
+#include <kqimageformat.h>
 
 #include <algorithm>
 #include <iterator>
@@ -8,6 +9,7 @@
 #include <string_view>
 
 #include "kqimage/image_file.h"
+#include "kqimage/json_path.h"
 #include "kqimage/text.h"
 
 namespace kqimage {
@@ -136,6 +138,8 @@ std::string TextReport(const InfoReport& report) {
   } else if (report.info.headerSectors > 1) {
     lines.Add("Origin", "enciphered; with the password it is shown");
   }
+  const bool isEnciphered = basic.encryptionType != KQ_ENCRYPTION_NONE;
+  for (const auto& [label, value] : ChainLines(report.chain, isEnciphered)) lines.Add(label, value);
   const std::string comment = Utf8FromUtf16(basic.comment);
   lines.Add("Comment", comment.empty() ? "none" : Printable(comment));
   return lines.Take();
@@ -144,7 +148,7 @@ std::string TextReport(const InfoReport& report) {
 std::string JsonReport(const InfoReport& report) {
   const ImageFileInfo& basic = report.info.basic;
   nlohmann::ordered_json json;
-  json["file"] = report.path;
+  AddPath(json, "file", report.path);
   json["fileSize"] = report.fileSize;
   json["kind"] = KindName(basic);
   json["created"] = TimeText(basic, TimeDetail::kFull);
@@ -176,8 +180,9 @@ std::string JsonReport(const InfoReport& report) {
   json["record"] = JsonRecord(report.info);
   json["origin"] = nullptr;
   if (report.origin) json["origin"] = OriginJson(*report.origin);
+  AddChain(json, report.chain);
   json["comment"] = Utf8FromUtf16(basic.comment);
-  // A path may be any bytes; what is not UTF-8 in it is replaced.
+  // A path may be any bytes; what is not UTF-8 in it is replaced, and told beside it.
   return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "kqimage/chain_report.h"
 #include "kqimage/origin_report.h"
 
 namespace kqimage {
@@ -24,6 +25,7 @@ struct InfoReport {
   std::uint64_t fileSize = 0;
   ImageFileInfo2 info = {};
   PasswordVerdict password = PasswordVerdict::kNotTried;
+  ChainReport chain = {};
   std::optional<OriginReport> origin = {};  // none without the password of an enciphered image
 };
 

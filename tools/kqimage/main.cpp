@@ -22,6 +22,7 @@ constexpr char kExamples[] = R"(Examples:
   kqimage create /dev/sdb1 /backup/data.twf        a full image
   kqimage increment /dev/sdb1 /backup/data.twf     what has changed since
   kqimage info /backup/data-i001.twi               what an image is
+  kqimage list /backup                             the families of images in a folder
   kqimage restore /backup/data-i001.twi --to disk.img
 
 kqimage COMMAND --help tells more about each command.)";
@@ -77,6 +78,8 @@ int main(int argc, char** argv) try {
   kqimage::AddIncrementCommand(app, run);
   kqimage::AddRestoreCommand(app, run);
   kqimage::AddInfoCommand(app, run);
+  kqimage::AddListCommand(app, run);
+  kqimage::AddChainCommand(app, run);
   kqimage::AddRepairCommand(app, run);
 
   try {

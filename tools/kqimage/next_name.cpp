@@ -1,12 +1,13 @@
 #include "kqimage/next_name.h"
 
 #include <fmt/format.h>
+#include <kqimageapi.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cstdint>
 #include <filesystem>
+#include <iterator>
 
 #include "kqimage/failure.h"
 #include "kqimage/text.h"
@@ -14,32 +15,34 @@
 namespace kqimage {
 namespace {
 
-constexpr std::size_t kMaxDigits = 9;  // a longer number is taken for a part of the stem
+using NameQuery = KQStatus(const char* path, char* buffer, std::uint32_t* size);
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-// A name without its extension, in front of and behind the number of its "-i" tag.
-struct NumberedName {
-  std::string before;  // ends in "-i"
-  std::string behind;
-  std::uint64_t number = 0;
-};
-
-NumberedName SplitName(const std::string& stem) {
-  for (std::size_t tag = 0; tag + 2 < stem.size(); ++tag) {
-    if (stem[tag] != '-' || (stem[tag + 1] != 'i' && stem[tag + 1] != 'I')) continue;
-    std::size_t end = tag + 2;
-    std::uint64_t number = 0;
-    while (end < stem.size() && IsDigit(stem[end]) && end - tag - 2 < kMaxDigits) {
-      number = number * 10 + static_cast<std::uint64_t>(stem[end] - '0');
-      ++end;
-    }
-    const bool isNumber = end > tag + 2;
-    if (isNumber && (end == stem.size() || stem[end] == '-' || stem[end] == '.')) {
-      return {stem.substr(0, tag) + "-i", stem.substr(end), number};
-    }
+KQStatus AskForName(NameQuery* query, const std::string& path, std::string& name) {
+  std::uint32_t size = 0;
+  KQStatus status = query(path.c_str(), nullptr, &size);
+  while (status.status == KQ_STATUS_MORE_DATA) {
+    name.resize(size);
+    status = query(path.c_str(), name.data(), &size);
   }
-  return {stem + "-i", "", 0};
+  if (status.status == KQ_STATUS_SUCCESS) name.resize(name.find('\0'));
+  return status;
+}
+
+std::string NextInSeries(const std::string& image) {
+  std::string next;
+  const KQStatus status = AskForName(KQImageGetNextAvailableImageFileName, image, next);
+  if (status.status == KQ_STATUS_INVALID_PARAMETER) {
+    throw UsageFailure(fmt::format(
+        "no name can be derived from {}, which ends in neither .twf nor .twi: name the new image",
+        Printable(image)));
+  }
+  Check(status, "find a name behind", image);
+  return next;
+}
+
+bool IsThere(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0;
 }
 
 }  // namespace
@@ -53,21 +56,40 @@ bool HasExtension(const std::string& path, std::string_view extension) {
                     });
 }
 
-std::string NextIncrementPath(const std::string& image) {
-  if (!HasExtension(image, ".twf") && !HasExtension(image, ".twi")) {
-    throw UsageFailure(fmt::format(
-        "no name can be derived from {}, which ends in neither .twf nor .twi: name the new image",
-        Printable(image)));
+bool IsFolder(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::is_directory(path, error);
+}
+
+std::string NextIncrementPath(const std::string& image, const std::string& folder) {
+  std::string next = NextInSeries(image);
+  if (folder.empty()) return next;
+  std::string inFolder =
+      (std::filesystem::path(folder) / std::filesystem::path(next).filename()).string();
+  // What is no regular file has no next name; whoever creates the file finds it in the way.
+  std::error_code error;
+  return std::filesystem::is_regular_file(inFolder, error) ? NextInSeries(inFolder) : inFolder;
+}
+
+std::string NextBasePath(const std::string& source, const std::string& folder) {
+  const std::string stem = std::filesystem::path(source).stem().string();
+  if (stem.empty() || stem == "." || stem == "..") {
+    throw UsageFailure(
+        fmt::format("no name can be derived from {}: name the new image", Printable(source)));
   }
-  const std::filesystem::path path(image);
-  const NumberedName name = SplitName(path.stem().string());
-  for (std::uint64_t number = name.number + 1;; ++number) {
-    std::string next =
-        (path.parent_path() / fmt::format("{}{:03}{}.twi", name.before, number, name.behind))
-            .string();
-    struct stat status = {};
-    if (lstat(next.c_str(), &status) != 0) return next;
+  for (unsigned number = 1;; ++number) {
+    std::string path =
+        (std::filesystem::path(folder) / fmt::format("{}-b{:03}.twf", stem, number)).string();
+    if (!IsThere(path)) return path;
   }
+}
+
+std::optional<std::string> KeyFilePath(const std::string& image) {
+  std::string path;
+  const KQStatus status = AskForName(KQImageFilesEnumerationQueryImageKeyFileName, image, path);
+  if (status.status == KQ_STATUS_FILE_CORRUPT) return std::nullopt;
+  Check(status, "find the key file's name of", image);
+  return path;
 }
 
 }  // namespace kqimage

@@ -13,6 +13,7 @@
 #include "kqimage/interrupt.h"
 #include "kqimage/password_options.h"
 #include "kqimage/progress.h"
+#include "kqimage/search_option.h"
 #include "kqimage/text.h"
 #include "kqimage/volume_pieces.h"
 #include "kqimage/volume_target.h"
@@ -23,14 +24,16 @@ namespace {
 constexpr char kExamples[] = R"(Examples:
   kqimage restore /backup/data-i003.twi --to disk.img
   kqimage restore /backup/data.twf --to /dev/sdb1 --force
+  kqimage restore /backup/data-i003.twi --search /mnt/old-backups --to disk.img
   kqimage restore a.twf /elsewhere/b.twi --to disk.img
   kqimage restore --password-file /root/backup-key /backup/secret-i001.twi --to disk.img
 
-One FILE alone is the image to go back to, and those it builds on are found in its folder. Several
-FILEs are taken as they are and must be the whole chain, in any order.)";
+One FILE alone is the image to go back to, and those it builds on are found in its folder and those
+of --search. Several FILEs are taken as they are and must be the whole chain, in any order.)";
 
 struct RestoreOptions {
   std::vector<std::string> files;
+  std::vector<std::string> folders;
   std::string target;
   PasswordOptions password;
   bool force = false;
@@ -51,9 +54,16 @@ void WriteVolume(ChainReader& reader, VolumeTarget& target, Progress& progress) 
   target.Finish();
 }
 
+Chain ResolveChain(const RestoreOptions& options) {
+  if (options.files.size() == 1) return FindChain(options.files.front(), options.folders);
+  if (!options.folders.empty()) {
+    throw UsageFailure("--search looks for the files behind one FILE, and here all are named");
+  }
+  return OrderChain(options.files);
+}
+
 void Restore(const RestoreOptions& options) {
-  const Chain chain =
-      options.files.size() == 1 ? FindChain(options.files.front()) : OrderChain(options.files);
+  const Chain chain = ResolveChain(options);
   const std::string& newest = chain.back().path;
   for (const ImageFile& file : chain) {
     const auto identity = IdentityOf(file.path);
@@ -100,6 +110,7 @@ void AddRestoreCommand(CLI::App& app, Run& run) {
   command->add_option("FILE", options->files, "The image, or all files of its chain")
       ->required()
       ->type_name("");
+  AddSearchOption(*command, options->folders);
   command->add_option("--to", options->target, "The file or block device to write")
       ->required()
       ->type_name("TARGET");
