@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kqimageapi.h"
+#include "tests/support/expand_stream.h"
 
 namespace kqtest {
 
@@ -66,6 +67,19 @@ std::string WriteNewImage(const TempDir& folder, const std::string& name,
       0);
   EXPECT_EQ(KQNewImageFileClose(image, nullptr).status, 0);
   return path;
+}
+
+ParsedImage ParseFile(const std::string& path, const char* password) {
+  ParseOptions options;
+  options.expand = ExpandStream;
+  const Bytes file = ReadFile(path);
+  if (password != nullptr) {
+    const ParsedImage sealed = ParseImage(file);
+    const auto key = OpenImageKey(sealed.header.encryptionType, password, sealed.header.keyBlob);
+    EXPECT_TRUE(key);
+    if (key) options.decipher = DecipherWith(*key);
+  }
+  return ParseImage(file, options);
 }
 
 Bytes CompressibleData(std::size_t bytes) {

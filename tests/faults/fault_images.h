@@ -7,6 +7,7 @@
 
 #include "tests/support/image_builder.h"
 #include "tests/support/image_cipher.h"
+#include "tests/support/image_parser.h"
 #include "tests/support/temp_dir.h"
 
 namespace kqtest {
@@ -30,6 +31,9 @@ std::string WriteImage(const TempDir& folder, const std::string& name, const Ima
 std::string WriteNewImage(const TempDir& folder, const std::string& name,
                           std::uint32_t compressionType, std::uint32_t encryptionType,
                           const Bytes& data);
+
+// The image at path, taken apart with its data.
+ParsedImage ParseFile(const std::string& path, const char* password);
 
 // Sectors that every codec makes smaller.
 Bytes CompressibleData(std::size_t bytes);

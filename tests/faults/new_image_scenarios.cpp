@@ -6,8 +6,6 @@
 
 #include "tests/faults/fault_images.h"
 #include "tests/faults/scenario.h"
-#include "tests/support/expand_stream.h"
-#include "tests/support/image_parser.h"
 
 namespace kqtest {
 namespace {
@@ -50,18 +48,7 @@ struct NewImage {
     std::filesystem::remove(path);
   }
 
-  ParsedImage Parse() const {
-    ParseOptions options;
-    options.expand = ExpandStream;
-    const Bytes file = ReadFile(path);
-    if (password != nullptr) {
-      const ParsedImage sealed = ParseImage(file);
-      const auto key = OpenImageKey(sealed.header.encryptionType, password, sealed.header.keyBlob);
-      EXPECT_TRUE(key);
-      if (key) options.decipher = DecipherWith(*key);
-    }
-    return ParseImage(file, options);
-  }
+  ParsedImage Parse() const { return ParseFile(path, password); }
   void ExpectPieces(std::size_t chunks) const {
     const ParsedImage image = Parse();
     EXPECT_EQ(image.error, "");

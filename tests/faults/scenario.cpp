@@ -36,10 +36,21 @@ int CountBlockSizeProbes(std::span<const MadeCall> calls) {
   return count;
 }
 
+bool IsSparseTransfer(std::span<const MadeCall> calls, std::size_t i, bool writesSparseFile) {
+  if (calls[i].isRandomDevice || IsBlockSizeProbe(calls, i)) return false;
+  if (Is(calls, i, Call::kRead)) return true;
+  if (Is(calls, i, Call::kWrite)) return writesSparseFile;
+  if (!Is(calls, i, Call::kSeek)) return false;
+  // The type of a file is looked up between the first seek and its read.
+  const std::size_t behind = Is(calls, i + 1, Call::kFstat) ? i + 2 : i + 1;
+  return Is(calls, behind, Call::kRead) || (writesSparseFile && Is(calls, behind, Call::kWrite));
+}
+
 std::vector<NamedScenario> AllScenarios() {
   std::vector<NamedScenario> all;
-  for (auto* list : {QueryScenarios, RepairScenarios, ChainScenarios, NewImageScenarios,
-                     SparseScenarios, EnumerationScenarios}) {
+  for (auto* list :
+       {QueryScenarios, RepairScenarios, ChainScenarios, NewImageScenarios, SparseScenarios,
+        OverlayScenarios, ConversionScenarios, EnumerationScenarios}) {
     std::vector<NamedScenario> some = list();
     std::move(some.begin(), some.end(), std::back_inserter(all));
   }

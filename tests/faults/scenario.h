@@ -54,7 +54,8 @@ struct Scenario {
   // What the failure of a call means, where that does not follow from the call alone.
   std::function<std::optional<Effect>(std::span<const MadeCall> calls, std::size_t i)> effectOf;
   // Whether a call belongs to a transfer that is tried a hundred times before it is reported.
-  std::function<bool(const MadeCall& call)> isTriedAgain = [](const MadeCall&) { return false; };
+  std::function<bool(std::span<const MadeCall> calls, std::size_t i)> isTriedAgain =
+      [](std::span<const MadeCall>, std::size_t) { return false; };
   // The module that tells of a failed call.
   std::function<std::string(std::span<const MadeCall> calls, std::size_t i)> moduleOf =
       [](std::span<const MadeCall>, std::size_t) { return "kqos_linux"; };
@@ -73,6 +74,8 @@ std::vector<NamedScenario> RepairScenarios();
 std::vector<NamedScenario> ChainScenarios();
 std::vector<NamedScenario> NewImageScenarios();
 std::vector<NamedScenario> SparseScenarios();
+std::vector<NamedScenario> OverlayScenarios();
+std::vector<NamedScenario> ConversionScenarios();
 std::vector<NamedScenario> EnumerationScenarios();
 
 std::vector<NamedScenario> AllScenarios();
@@ -80,6 +83,10 @@ std::vector<NamedScenario> AllScenarios();
 // A look for the block size that a file wants: the operation goes on without an answer.
 bool IsBlockSizeProbe(std::span<const MadeCall> calls, std::size_t i);
 int CountBlockSizeProbes(std::span<const MadeCall> calls);
+
+// A read or write of a sparse file, or the seek before it. Image files are read at a place, and
+// written only where writesSparseFile is false.
+bool IsSparseTransfer(std::span<const MadeCall> calls, std::size_t i, bool writesSparseFile);
 
 }  // namespace kqtest
 

@@ -15,8 +15,8 @@ constexpr std::uint32_t kExtentBytes = 300;
 constexpr std::uint64_t kSpacing = 1000;
 constexpr std::uint16_t kOneNode = 1;
 
-bool IsTransferOrSeek(const MadeCall& call) {
-  return call.call == Call::kSeek || call.call == Call::kRead || call.call == Call::kWrite;
+bool IsTriedAgain(std::span<const MadeCall> calls, std::size_t i) {
+  return IsSparseTransfer(calls, i, true);
 }
 
 // A file with extents of the same length, apart from each other.
@@ -31,9 +31,13 @@ struct SparseState {
 
   Bytes DataOf(std::uint32_t extent) const { return PatternBytes(extent + 1, kExtentBytes); }
 
-  KQStatus Open(std::int32_t mode, bool readOnly = false) {
+  KQStatus Open(std::int32_t mode) {
     handle = 0xAAAA;
-    return KQSparseFileOpen2(path.c_str(), mode, readOnly ? 1 : 0, cacheNodes, &handle);
+    return KQSparseFileOpen2(path.c_str(), mode, 0, cacheNodes, &handle);
+  }
+  KQStatus OpenReadOnly() {
+    handle = 0xAAAA;
+    return KQSparseFileOpen(path.c_str(), 1, 1, cacheNodes, &handle);
   }
   KQStatus Close(std::uint8_t deleteFile = 0) {
     return KQSparseFileClose(std::exchange(handle, 0), deleteFile);
@@ -107,7 +111,7 @@ Scenario Make(const std::shared_ptr<SparseState>& state, std::int32_t mode, bool
     }
   };
   scenario.end = [=] { state->CloseAndRemove(); };
-  scenario.isTriedAgain = IsTransferOrSeek;
+  scenario.isTriedAgain = IsTriedAgain;
   if (mode != KQ_SPARSE_OPEN_ALWAYS) {
     scenario.effectOf = FirstOpenIsALook;
     scenario.needlessAllocations = 1;
@@ -119,7 +123,10 @@ Scenario OpenExisting(const std::shared_ptr<SparseState>& state, std::int32_t mo
   const Bytes before = ReadFile(state->prepared);
   Scenario scenario;
   scenario.begin = [=] { state->CopyPrepared(); };
-  scenario.operation = [=] { return state->Open(mode, readOnly); };
+  scenario.operation = [=] {
+    if (mode == KQ_SPARSE_OPEN_EXISTING && readOnly) return state->OpenReadOnly();
+    return state->Open(mode);
+  };
   scenario.expectDone = [=] { state->ExpectExtents(); };
   scenario.expectFailed = [=] {
     EXPECT_EQ(state->handle, 0u);
@@ -130,7 +137,7 @@ Scenario OpenExisting(const std::shared_ptr<SparseState>& state, std::int32_t mo
     EXPECT_TRUE(ReadFile(state->path) == before) << "a failed open has changed the file";
   };
   scenario.end = [=] { state->CloseAndRemove(); };
-  scenario.isTriedAgain = IsTransferOrSeek;
+  scenario.isTriedAgain = IsTriedAgain;
   if (mode != KQ_SPARSE_OPEN_ALWAYS) {
     scenario.effectOf = FirstOpenIsALook;
     scenario.needlessAllocations = 1;
@@ -146,7 +153,7 @@ Scenario OnOpenFile(const std::shared_ptr<SparseState>& state) {
   };
   scenario.expectFailed = [=] { EXPECT_EQ(state->count, 0u); };
   scenario.end = [=] { state->CloseAndRemove(); };
-  scenario.isTriedAgain = IsTransferOrSeek;
+  scenario.isTriedAgain = IsTriedAgain;
   return scenario;
 }
 
@@ -188,7 +195,9 @@ Scenario Write(const std::shared_ptr<SparseState>& state, std::uint64_t offset) 
 }
 
 // A changed node that has to leave the cache and can't be written is lost, and the tree with it.
-Scenario WriteWithOneNode(const std::shared_ptr<SparseState>& state, std::uint64_t offset) {
+template <std::uint16_t count>
+Scenario WriteWithFewNodes(const std::shared_ptr<SparseState>& state, std::uint64_t offset) {
+  state->cacheNodes = count;
   Scenario scenario = Write(state, offset);
   scenario.losesData = [](std::span<const MadeCall> calls, std::size_t i) {
     return calls[i].call == Call::kWrite || (calls[i].call == Call::kSeek && i + 1 < calls.size() &&
@@ -225,7 +234,7 @@ Scenario CloseChanged(const std::shared_ptr<SparseState>& state) {
   // The handle is gone. The file says that it was not closed, unless not even that could be
   // written; then its tree is that of before.
   scenario.expectFailed = [=] {
-    const KQStatus status = state->Open(KQ_SPARSE_OPEN_EXISTING, true);
+    const KQStatus status = state->OpenReadOnly();
     if (status.status == 0) {
       Bytes untouched(100);
       EXPECT_EQ(KQSparseFileRead(state->handle, 0, untouched.data(), 100, nullptr).status, 0);
@@ -288,8 +297,9 @@ std::vector<NamedScenario> SparseScenarios() {
       Named("WriteSparseBehind", kFewExtents, behind(Write, kFewExtents)),
       Named("WriteSparseSplitsRoot", kFullRoot, behind(WriteWithManyNodes, kFullRoot)),
       Named("WriteSparseSplitsLeaf", kFullLeaf, behind(WriteWithManyNodes, kFullLeaf)),
-      Named("WriteSparseSplitsRootOneNode", kFullRoot, behind(WriteWithOneNode, kFullRoot)),
-      Named("WriteSparseSplitsLeafOneNode", kFullLeaf, behind(WriteWithOneNode, kFullLeaf)),
+      Named("WriteSparseSplitsRootOneNode", kFullRoot, behind(WriteWithFewNodes<1>, kFullRoot)),
+      Named("WriteSparseSplitsLeafOneNode", kFullLeaf, behind(WriteWithFewNodes<1>, kFullLeaf)),
+      Named("WriteSparseSplitsLeafTwoNodes", kFullLeaf, behind(WriteWithFewNodes<2>, kFullLeaf)),
       Named("SparseNumDataBytes", kFewExtents, GetNumDataBytes),
       Named("CloseSparseChanged", kFewExtents, CloseChanged),
       Named("CloseSparseAndDelete", kFewExtents, CloseAndDelete),
