@@ -59,9 +59,8 @@ Volume OpenPartition(const SourceOptions& options, std::uint32_t sectorSize) {
         fmt::format("{} has no partition table that makes sense", Printable(options.path)));
   }
   origin.partition = FindPartition(*origin.tables, *options.partition, options.path);
-  return {.source = VolumeSource(options.path,
-                                 Extent{origin.partition->offset, origin.partition->length}),
-          .origin = std::move(origin)};
+  const Extent part = {origin.partition->offset, origin.partition->length};
+  return {.source = VolumeSource(options.path, part), .origin = std::move(origin)};
 }
 
 // Completes the origin of a block device that is a partition. What can't be found out stays open:
@@ -98,7 +97,7 @@ void AddSourceOptions(CLI::App& command, SourceOptions& options) {
   command
       .add_option("--partition", options.partition,
                   "SOURCE is a whole disk, and its partition N is the volume")
-      ->check(CLI::Range(1, 1 << 20))
+      ->check(CLI::Range(1, 1 << 20).description(""))
       ->type_name("N");
 }
 
