@@ -109,6 +109,11 @@ KQ_TARGET_AVX512 inline __m512i Gather(const LzoTableEntry* table, __m256i slots
                                      sizeof(LzoTableEntry));
 }
 
+constexpr long long InHighHalf(std::uint64_t value) {
+  const std::uint64_t lane = value << 32;
+  return static_cast<long long>(lane);
+}
+
 // Eight positions at once. A group is left to the caller if one of its positions has a match, or if
 // two of them might meet in a slot, where the later would have to see the earlier one's entry.
 // Lanes are as entries: the key in the low half, the place or a distance in the high one.
@@ -116,9 +121,8 @@ KQ_TARGET_AVX512 std::size_t PassLiteralsAvx512(const LzoPositions& positions, s
                                                 std::size_t end, LzoTableEntry* table) {
   constexpr std::size_t kGroup = 8;
   constexpr __mmask16 kHighHalves = 0xAAAA;
-  const __m512i nearest =
-      _mm512_set1_epi64(static_cast<long long>(kLzoNearDistance << 32 | 0xFFFFFFFF));
-  const __m512i tooFar = _mm512_set1_epi64(static_cast<long long>((kLzoFarDistance + 1) << 32));
+  const __m512i nearest = _mm512_set1_epi64(InHighHalf(kLzoNearDistance) | 0xFFFFFFFF);
+  const __m512i tooFar = _mm512_set1_epi64(InHighHalf(kLzoFarDistance + 1));
   const __m512i threeBytes = _mm512_set1_epi64(0xFFFFFF);
   const __m512i fourthByte = _mm512_set1_epi64(0xFF000000);
   // From 16 bytes in each quarter, the keys of two positions.
@@ -127,11 +131,10 @@ KQ_TARGET_AVX512 std::size_t PassLiteralsAvx512(const LzoPositions& positions, s
       static_cast<long long>(0xFFFFFFFF08070605), static_cast<long long>(0xFFFFFFFF07060504),
       static_cast<long long>(0xFFFFFFFF06050403), static_cast<long long>(0xFFFFFFFF05040302),
       static_cast<long long>(0xFFFFFFFF04030201), static_cast<long long>(0xFFFFFFFF03020100));
-  const auto inHighHalf = [](std::uint64_t value) { return static_cast<long long>(value << 32); };
   __m512i places = _mm512_add_epi64(
-      _mm512_set1_epi64(inHighHalf(positions.firstPlace + begin)),
-      _mm512_set_epi64(inHighHalf(7), inHighHalf(6), inHighHalf(5), inHighHalf(4), inHighHalf(3),
-                       inHighHalf(2), inHighHalf(1), inHighHalf(0)));
+      _mm512_set1_epi64(InHighHalf(positions.firstPlace + begin)),
+      _mm512_set_epi64(InHighHalf(7), InHighHalf(6), InHighHalf(5), InHighHalf(4), InHighHalf(3),
+                       InHighHalf(2), InHighHalf(1), InHighHalf(0)));
 
   std::size_t i = begin;
   for (; i + kGroup <= end; i += kGroup) {
@@ -165,7 +168,7 @@ KQ_TARGET_AVX512 std::size_t PassLiteralsAvx512(const LzoPositions& positions, s
     if ((_mm512_testn_epi64_mask(back, threeBytes) & promising) != 0) break;
     _mm512_i32scatter_epi64(table, _mm256_mask_blend_epi32(useSecond, first, second), entries,
                             sizeof(LzoTableEntry));
-    places = _mm512_add_epi64(places, _mm512_set1_epi64(inHighHalf(kGroup)));
+    places = _mm512_add_epi64(places, _mm512_set1_epi64(InHighHalf(kGroup)));
   }
   return i;
 }
