@@ -1,4 +1,5 @@
-// Processes that write onto a chain under a sparse file and are killed at random moments. What they
+// Processes that write onto a chain under a sparse file and are killed at random moments, or in a
+// write that only a part of its pages comes out of. What they
 // leave is refused by every open, or it is exactly what the last close left, with those of the
 // later writes in it that went over what that close had: they are in the file when they return, and
 // need no change of the tree. An image that was being made is refused too, or it is whole.
@@ -6,6 +7,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +21,27 @@
 #include "kqimageapi.h"
 #include "tests/campaigns/volume_model.h"
 #include "tests/support/test_seed.h"
+
+namespace {
+
+// How many more writes come to their end before this process is killed in one; negative: all do.
+int writesLeft = -1;
+std::size_t pagesOfLastWrite = 0;  // what that one still does
+
+}  // namespace
+
+// The library's writes come here.
+extern "C" __attribute__((visibility("default"))) ssize_t write(int file, const void* data,
+                                                                std::size_t size) {
+  constexpr std::size_t kPage = 4096;
+  if (writesLeft == 0) {
+    const std::size_t part = std::min(size / kPage, pagesOfLastWrite) * kPage;
+    static_cast<void>(syscall(SYS_write, file, data, part));
+    kill(getpid(), SIGKILL);
+  }
+  if (writesLeft > 0) --writesLeft;
+  return syscall(SYS_write, file, data, size);
+}
 
 namespace kqtest {
 namespace {
@@ -91,11 +114,41 @@ struct Paths {
   std::string newImage;
 };
 
+// When the process that runs a plan is killed: some time after it has finished so many operations,
+// or in the middle of a write from then on.
+struct Death {
+  std::uint32_t operations = 0;
+  std::chrono::nanoseconds moment{0};
+  bool inWrite = false;
+  int writes = 0;         // that come to their end before
+  std::size_t pages = 0;  // of the last one
+};
+
+// Closes are few but have many steps: every other death meets one.
+Death PlanDeath(const std::vector<Operation>& plan, Dice* dice) {
+  Death death;
+  death.operations = dice->Below(plan.size() + 1);
+  if (dice->Below(2) == 0) {
+    while (death.operations + 1 < plan.size() && plan[death.operations].step == Step::kWrite) {
+      ++death.operations;
+    }
+  }
+  death.moment = std::chrono::nanoseconds(dice->Below(200000));
+  death.inWrite = dice->Below(2) == 0;
+  death.writes = static_cast<int>(dice->Below(8));
+  death.pages = dice->Below(3);
+  return death;
+}
+
 // Runs the plan; the child process ends with 0 if all went well.
-int RunPlan(const std::vector<Operation>& plan, const Paths& paths,
+int RunPlan(const std::vector<Operation>& plan, const Paths& paths, const Death& death,
             std::atomic<std::uint32_t>* finished) {
   std::uint64_t chain = 0;
   for (const Operation& operation : plan) {
+    if (death.inWrite && finished->load() == death.operations) {
+      pagesOfLastWrite = death.pages;
+      writesLeft = death.writes;
+    }
     KQStatus status{};
     switch (operation.step) {
       case Step::kOpen: {
@@ -193,30 +246,34 @@ class OverlayCrash : public ::testing::Test {
     WriteFile(paths_.base, BuildImage(spec));
   }
 
-  // Runs the plan in a process that is killed once it has finished that many operations, and a
-  // moment more. Returns how many it has finished in the end.
-  std::uint32_t RunAndKill(const std::vector<Operation>& plan, std::uint32_t operations,
-                           std::chrono::nanoseconds moment) {
+  // Runs the plan in a process that is killed. Returns how many operations it has finished.
+  std::uint32_t RunAndKill(const std::vector<Operation>& plan, const Death& death) {
     const SharedProgress progress;
     const pid_t child = fork();
-    if (child == 0) _exit(RunPlan(plan, paths_, &progress.finished()));
+    if (child == 0) _exit(RunPlan(plan, paths_, death, &progress.finished()));
     EXPECT_GT(child, 0);
     int state = 0;
-    pid_t ended = 0;
-    while (progress.finished() < operations && ended == 0) {
-      sched_yield();
-      ended = waitpid(child, &state, WNOHANG);
-    }
-    const auto end = std::chrono::steady_clock::now() + moment;
-    while (std::chrono::steady_clock::now() < end) {
-    }
-    if (ended == 0) {
-      kill(child, SIGKILL);
+    if (death.inWrite) {
       waitpid(child, &state, 0);
+      if (WIFSIGNALED(state)) ++killedInWrite_;
+    } else {
+      Kill(child, progress, death, &state);
     }
     EXPECT_TRUE(WIFSIGNALED(state) ? WTERMSIG(state) == SIGKILL : WEXITSTATUS(state) == 0)
         << "an operation failed";
     return progress.finished();
+  }
+
+  static void Kill(pid_t child, const SharedProgress& progress, const Death& death, int* state) {
+    while (progress.finished() < death.operations) {
+      sched_yield();
+      if (waitpid(child, state, WNOHANG) != 0) return;  // it has come to its end
+    }
+    const auto end = std::chrono::steady_clock::now() + death.moment;
+    while (std::chrono::steady_clock::now() < end) {
+    }
+    kill(child, SIGKILL);
+    waitpid(child, state, 0);
   }
 
   void CheckSparseFile(const Expected& expected) {
@@ -264,6 +321,7 @@ class OverlayCrash : public ::testing::Test {
   TempDir folder_;
   Paths paths_{folder_.Path("base.twf"), folder_.Path("sparse"), folder_.Path("new.twi")};
   Bytes base_ = PatternBytes(1, kBytes);
+  int killedInWrite_ = 0;
   int accepted_ = 0;
   int refused_ = 0;
   int images_ = 0;
@@ -278,21 +336,15 @@ TEST_F(OverlayCrash, KilledProcessLeavesAClosedStateOrARefusedFile) {
     const std::vector<Operation> plan = Plan(&dice);
     std::filesystem::remove(paths_.sparse);
     std::filesystem::remove(paths_.newImage);
-    // Closes are few but have many steps: every other kill meets one.
-    auto operations = dice.Below(plan.size() + 1);
-    if (dice.Below(2) == 0) {
-      while (operations + 1 < plan.size() && plan[operations].step == Step::kWrite) ++operations;
-    }
-    const std::uint32_t finished =
-        RunAndKill(plan, operations, std::chrono::nanoseconds(dice.Below(200000)));
-
+    const std::uint32_t finished = RunAndKill(plan, PlanDeath(plan, &dice));
     const Expected expected = Replay(plan, finished);
     CheckSparseFile(expected);
     if (HasFatalFailure()) break;
     CheckNewImage(expected, finished == plan.size());
   }
-  std::printf("%d accepted, %d refused; %d images, %d unfinished\n", accepted_, refused_, images_,
-              unfinishedImages_);
+  std::printf("%d killed in a write; %d accepted, %d refused; %d images, %d unfinished\n",
+              killedInWrite_, accepted_, refused_, images_, unfinishedImages_);
+  EXPECT_GT(killedInWrite_, 0);
   EXPECT_GT(accepted_, 0);
   EXPECT_GT(refused_, 0);
 }
