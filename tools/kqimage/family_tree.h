@@ -29,8 +29,8 @@ struct FamilyMember {
 };
 
 // A line of the drawing. A file stands below the one that it builds on, in the same column; all but
-// the family's first are indented. Where several build on one file, the one with most behind it goes
-// on in the column, and before it the others begin branches, indented further.
+// the family's first are indented. Where several build on one file, the one with most behind it
+// goes on in the column, and before it the others begin branches, indented further.
 struct FamilyLine {
   std::size_t member;
   std::string indent;
