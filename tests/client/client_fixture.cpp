@@ -36,6 +36,14 @@ std::vector<std::string> Joined(std::vector<std::string> first,
   return first;
 }
 
+std::string NameOfEncryption(const testing::TestParamInfo<Encryption>& test) {
+  std::string name = test.param.name;
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+}
+
+void PrintTo(const Encryption& encryption, std::ostream* out) { *out << encryption.name; }
+
 std::string ClientTest::Put(const std::string& name, const Volume& volume) const {
   WriteFile(Path(name), volume);
   return Path(name);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +27,21 @@ Volume MakeNoise(std::size_t size, unsigned seed);
 // The arguments of both, in order.
 std::vector<std::string> Joined(std::vector<std::string> first,
                                 const std::vector<std::string>& second);
+
+// An encryption as create's options name it.
+struct Encryption {
+  const char* option;
+  const char* name;
+  std::uint32_t type;
+};
+inline constexpr Encryption kUncheckedEncryption = {"--encrypt-legacy", "aes128-unchecked", 1};
+inline constexpr Encryption kEncryptions[] = {kUncheckedEncryption,
+                                              {"--encrypt", "aes128", 2},
+                                              {"--encrypt-legacy", "rc4", 3},
+                                              {"--encrypt", "aes256", 4}};
+// For the names of tests.
+std::string NameOfEncryption(const testing::TestParamInfo<Encryption>& test);
+void PrintTo(const Encryption& encryption, std::ostream* out);
 
 class ClientTest : public testing::Test {
  protected:

@@ -16,18 +16,6 @@ using Arguments = std::vector<std::string>;
 
 constexpr char kPassword[] = "Gr\u00fc\u00dfe, \u4f60\u597d \U0001F511";
 
-struct Encryption {
-  const char* option;
-  const char* name;
-  std::uint32_t type;
-};
-constexpr Encryption kUnchecked = {"--encrypt-legacy", "aes128-unchecked",
-                                   KQ_ENCRYPTION_AES128_UNCHECKED};
-constexpr Encryption kAll[] = {kUnchecked,
-                               {"--encrypt", "aes128", KQ_ENCRYPTION_AES128},
-                               {"--encrypt-legacy", "rc4", KQ_ENCRYPTION_RC4},
-                               {"--encrypt", "aes256", KQ_ENCRYPTION_AES256}};
-
 class EncryptionTest : public ClientTest {
  protected:
   void SetUp() override {
@@ -127,15 +115,12 @@ TEST_P(EveryEncryption, AnIncrementCarriesOnEncipheredHeaderSectors) {
   EXPECT_TRUE(Restore({Path("b.twi")}, Right()) == volume);
 }
 
-INSTANTIATE_TEST_SUITE_P(, EveryEncryption, testing::ValuesIn(kAll),
-                         [](const testing::TestParamInfo<Encryption>& test) {
-                           return "Type" + std::to_string(test.param.type);
-                         });
+INSTANTIATE_TEST_SUITE_P(, EveryEncryption, testing::ValuesIn(kEncryptions), NameOfEncryption);
 
 TEST_F(EncryptionTest, AWrongPasswordSaysSoInOneSentence) {
   Put("volume", MakeNoise(5000, 1));
-  for (const Encryption& encryption : kAll) {
-    if (encryption.type == kUnchecked.type) continue;
+  for (const Encryption& encryption : kEncryptions) {
+    if (encryption.type == kUncheckedEncryption.type) continue;
     Create(Path("volume"), Path("a.twf"),
            Joined({"--force", encryption.option, encryption.name}, Right()));
     for (const Arguments& command : {Arguments{"restore", Path("a.twf"), "--to", Path("new")},
@@ -155,7 +140,7 @@ TEST_F(EncryptionTest, AWrongPasswordSaysSoInOneSentence) {
 // sense; where it does, the result line tells what is not known.
 TEST_F(EncryptionTest, AnUncheckedPasswordIsDoubted) {
   Put("volume", MakeVolume(300000, 1));
-  const Arguments base = Joined({kUnchecked.option, kUnchecked.name}, Right());
+  const Arguments base = Joined({kUncheckedEncryption.option, kUncheckedEncryption.name}, Right());
   Create(Path("volume"), Path("lzo.twf"), base);
   const ClientResult damaged =
       RunClient(Joined({"restore", Path("lzo.twf"), "--to", Path("new")}, Wrong()));

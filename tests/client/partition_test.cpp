@@ -342,11 +342,6 @@ TEST_F(PartitionTest, AVolumeWithAFileSystemTellsItsLabelWithoutADisk) {
   EXPECT_EQ(Info()["headerSectors"], 1);
 }
 
-struct Encryption {
-  const char* option;
-  const char* name;
-};
-
 class EncipheredPartition : public PartitionTest, public testing::WithParamInterface<Encryption> {
  protected:
   void SetUp() override {
@@ -401,16 +396,7 @@ TEST_P(EncipheredPartition, IsWholeAfterARepair) {
   EXPECT_TRUE(Restore({Path("a.twf")}, key_) == Bytes());
 }
 
-INSTANTIATE_TEST_SUITE_P(, EncipheredPartition,
-                         testing::Values(Encryption{"--encrypt-legacy", "aes128-unchecked"},
-                                         Encryption{"--encrypt", "aes128"},
-                                         Encryption{"--encrypt-legacy", "rc4"},
-                                         Encryption{"--encrypt", "aes256"}),
-                         [](const testing::TestParamInfo<Encryption>& test) {
-                           std::string name = test.param.name;
-                           std::replace(name.begin(), name.end(), '-', '_');
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(, EncipheredPartition, testing::ValuesIn(kEncryptions), NameOfEncryption);
 
 }  // namespace
 }  // namespace kqtest
