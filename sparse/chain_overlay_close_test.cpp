@@ -1,5 +1,7 @@
 // What becomes of a sparse file at the close of its chain.
+#include <atomic>
 #include <cerrno>
+#include <thread>
 
 #include "foundation/system_calls_test.h"
 #include "sparse/overlay_support_test.h"
@@ -248,6 +250,26 @@ TEST_F(ChainOverlayClose, EachAllocationThatFailsLeavesNothingBehind) {
   }
   EXPECT_GE(refused, 8);
   ExpectHolds(NewImage("password"), 512, PatternBytes(5, 1024));
+}
+
+// Every write that was told to have worked is in the image, and no later one is.
+TEST_F(ChainOverlayClose, WritesInOtherThreadsEndBeforeTheConversion) {
+  for (int round = 0; round < 20; ++round) {
+    const std::uint64_t chain = OpenBaseUnder(SparseModel());
+    std::atomic<std::uint64_t> written{0};
+    std::thread writer([&] {
+      const Bytes data = PatternBytes(9, 512);
+      while (KQImageFilesWrite(chain, 512 * written, data.data(), 512, nullptr).status == 0) {
+        ++written;
+      }
+    });
+    while (written < 20) std::this_thread::yield();
+    EXPECT_EQ(KQImageFilesClose(chain, new_.c_str(), nullptr, 1).status, 0);
+    writer.join();
+    const ParsedImage image = NewImage();
+    for (std::uint64_t i = 0; i < written; ++i) ASSERT_TRUE(image.Holds(i * 512)) << i;
+    EXPECT_FALSE(image.Holds(written * 512));
+  }
 }
 
 // The file in which the parent was found when it was opened is not trusted to be the same still.

@@ -406,6 +406,41 @@ TEST_P(SecretsTest, NoneIsFreedWhenMemoryFailsInTheMaking) {
   ExpectNoSecretFreedWhateverFails("making", [&] { Create(headerTemplate, kPassword, path); });
 }
 
+TEST_P(SecretsTest, NoneIsFreedByAConversion) {
+  const std::string sparsePath = dir_.Path("sparse");
+  const std::string path = dir_.Path("new.twi");
+  std::uint64_t sparse = 0;
+  ASSERT_EQ(KQSparseFileOpen2(sparsePath.c_str(), KQ_SPARSE_CREATE_NEW, 0, 10, &sparse).status, 0);
+  ASSERT_EQ(KQSparseFileWrite(sparse, 0x4000, data_.data(), 4096, nullptr).status, 0);
+  ASSERT_EQ(KQSparseFileClose(sparse, 0).status, 0);
+  for (const std::uint32_t sectorSize : {512U, 4096U}) {
+    const std::string parent = dir_.Path("parent.twf");
+    WriteFile(parent, BuildImage(Spec(sectorSize)));
+    const auto convert = [&](const char* password, const std::string& file) {
+      created_ = KQConvertSparseToIncremental(sparsePath.c_str(), parent.c_str(), password,
+                                              file.c_str(), "what the image is")
+                     .status;
+    };
+    const auto close = [&] {
+      std::uint64_t chain = 0;
+      KQSparseFileOpen2(sparsePath.c_str(), KQ_SPARSE_OPEN_EXISTING, 0, 10, &sparse);
+      if (KQImageFilesOpen(parent.c_str(), kPassword, sparse, &chain).status != 0) return;
+      closed_ = KQImageFilesClose(chain, path.c_str(), "what the image is", 0).status;
+    };
+    ExpectNoSecretFreed("wrong password", [&] { convert(kWrongPassword, path); });
+    ExpectNoSecretFreed("full device", [&] { convert(kPassword, "/dev/full"); });
+    EXPECT_NE(created_, 0);
+    ExpectNoSecretFreedWhateverFails("converting", [&] { convert(kPassword, path); });
+    ASSERT_EQ(created_, 0);
+    closed_ = 1;
+    ExpectNoSecretFreed("closing", close);
+    ASSERT_EQ(closed_, 0);
+    // The keys searched for are those of the new image too.
+    const Bytes file = ReadFile(path);
+    EXPECT_TRUE(std::equal(newKey_.blob.begin(), newKey_.blob.end(), file.begin() + kFixedBytes));
+  }
+}
+
 // A file that may not grow: the header can be written, or the header and the chunk, and no more.
 TEST_P(SecretsTest, NoneIsFreedByACloseThatFails) {
   const std::string path = dir_.Path("new.twf");
