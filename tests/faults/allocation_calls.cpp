@@ -4,15 +4,21 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "tests/faults/call_faults.h"
 
+// The allocator behind: the C library's, or that of the address sanitizer.
+#ifdef KQ_SANITIZED
+#define KQ_BEHIND(name) __asm__("__interceptor_" #name)
+#else
+#define KQ_BEHIND(name) __asm__("__libc_" #name)
+#endif
 extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* memory, std::size_t size);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
-void __libc_free(void* memory);
+void* MallocBehind(std::size_t size) KQ_BEHIND(malloc);
+void* CallocBehind(std::size_t count, std::size_t size) KQ_BEHIND(calloc);
+void* MemalignBehind(std::size_t alignment, std::size_t size) KQ_BEHIND(memalign);
+void FreeBehind(void* memory) KQ_BEHIND(free);
 }
 
 // The project hides its symbols by default; these must be seen by the shared library.
@@ -22,14 +28,14 @@ extern "C" {
 
 KQ_SEEN_BY_ALL void* malloc(std::size_t size) {
   if (kqtest::AllocationFails()) return nullptr;
-  void* const made = __libc_malloc(size);
+  void* const made = MallocBehind(size);
   kqtest::NoteAllocated(made, size);
   return made;
 }
 
 KQ_SEEN_BY_ALL void* calloc(std::size_t count, std::size_t size) {
   if (kqtest::AllocationFails()) return nullptr;
-  void* const made = __libc_calloc(count, size);
+  void* const made = CallocBehind(count, size);
   kqtest::NoteAllocated(made, 0);  // it stays zero
   return made;
 }
@@ -37,7 +43,7 @@ KQ_SEEN_BY_ALL void* calloc(std::size_t count, std::size_t size) {
 KQ_SEEN_BY_ALL void* realloc(void* memory, std::size_t size) {
   if (kqtest::AllocationFails()) return nullptr;
   // Always moves, so that whoever keeps a pointer to the old place is found out.
-  void* const made = __libc_malloc(size);
+  void* const made = MallocBehind(size);
   if (made == nullptr) return nullptr;
   kqtest::NoteAllocated(made, size);
   if (memory != nullptr) {
@@ -50,7 +56,7 @@ KQ_SEEN_BY_ALL void* realloc(void* memory, std::size_t size) {
 
 KQ_SEEN_BY_ALL int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
   if (kqtest::AllocationFails()) return ENOMEM;
-  void* const made = __libc_memalign(alignment, size);
+  void* const made = MemalignBehind(alignment, size);
   if (made == nullptr) return ENOMEM;
   kqtest::NoteAllocated(made, size);
   *memory = made;
@@ -65,7 +71,27 @@ KQ_SEEN_BY_ALL void* aligned_alloc(std::size_t alignment, std::size_t size) {
 
 KQ_SEEN_BY_ALL void free(void* memory) {
   kqtest::NoteFreed(memory);
-  __libc_free(memory);
+  FreeBehind(memory);
 }
 
 }  // extern "C"
+
+#ifdef KQ_SANITIZED
+// The sanitizer has operators of its own, which know nothing of the above. Leaks are counted here,
+// and some are meant; freed memory need not be kept from use for long.
+KQ_SEEN_BY_ALL void* operator new(std::size_t size) {
+  void* const made = std::malloc(size);
+  if (made == nullptr) throw std::bad_alloc();
+  return made;
+}
+KQ_SEEN_BY_ALL void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size);
+}
+KQ_SEEN_BY_ALL void operator delete(void* memory) noexcept { std::free(memory); }
+KQ_SEEN_BY_ALL void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+extern "C" KQ_SEEN_BY_ALL const char* __asan_default_options();
+extern "C" const char* __asan_default_options() {
+  return "detect_leaks=0:quarantine_size_mb=16:allocator_may_return_null=1";
+}
+#endif
