@@ -1,103 +1,14 @@
 // Partitions of disks that sfdisk, sgdisk and fdisk have made: what the images of them tell.
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <cctype>
 #include <filesystem>
-#include <fstream>
-#include <nlohmann/json.hpp>
+#include <sstream>
 
-#include "tests/client/client_fixture.h"
-#include "tests/support/image_parser.h"
+#include "tests/client/disk_fixture.h"
 
 namespace kqtest {
 namespace {
-
-using Arguments = std::vector<std::string>;
-using Json = nlohmann::json;
-
-class PartitionTest : public ClientTest {
- protected:
-  // Runs a command line; gives what it prints.
-  std::string Shell(const std::string& command) const {
-    const std::string line =
-        "PATH=\"$PATH:/usr/sbin:/sbin\"; (" + command + ") >'" + Path("out") + "' 2>&1";
-    const int result = std::system(line.c_str());
-    const Volume output = ReadFile(Path("out"));
-    std::string text(output.begin(), output.end());
-    EXPECT_EQ(result, 0) << command << "\n" << text;
-    return text;
-  }
-
-  void MakeDisk() const {
-    const std::ofstream create(Path("disk"));
-    std::filesystem::resize_file(Path("disk"), 100u << 20);
-  }
-  void Sfdisk(const std::string& script) const {
-    MakeDisk();
-    PutText("script", script);
-    Shell("sfdisk -q '" + Path("disk") + "' <'" + Path("script") + "'");
-  }
-
-  // What sfdisk says of the partitions that hold volumes, each with its number and its place in
-  // bytes.
-  struct Partition {
-    std::uint32_t number;
-    std::uint64_t offset;
-    std::uint64_t size;
-    Json fields;
-  };
-  Json Table() const {
-    return Json::parse(Shell("sfdisk --json '" + Path("disk") + "'"))["partitiontable"];
-  }
-  std::vector<Partition> Partitions(const Json& table) const {
-    std::vector<Partition> partitions;
-    const std::size_t prefix = Path("disk").size();
-    for (const Json& fields : table["partitions"]) {
-      if (fields["type"] == "5" || fields["type"] == "f" || fields["type"] == "85") continue;
-      partitions.push_back(
-          {static_cast<std::uint32_t>(std::stoul(fields["node"].get<std::string>().substr(prefix))),
-           fields["start"].get<std::uint64_t>() * 512, fields["size"].get<std::uint64_t>() * 512,
-           fields});
-    }
-    return partitions;
-  }
-
-  // Puts a file system of its own into a partition.
-  void PutExt4(const Partition& partition, const std::string& label) const {
-    Shell("truncate -s " + std::to_string(partition.size) + " '" + Path("fs") +
-          "' && mke2fs -q -t ext4 -L '" + label + "' '" + Path("fs") + "' && dd if='" + Path("fs") +
-          "' of='" + Path("disk") + "' bs=512 seek=" + std::to_string(partition.offset / 512) +
-          " conv=notrunc,sparse status=none && rm '" + Path("fs") + "'");
-  }
-  void PutNoise(const Partition& partition) const {
-    std::fstream disk(Path("disk"), std::ios::in | std::ios::out | std::ios::binary);
-    const Volume noise = MakeNoise(3000, partition.number);
-    disk.seekp(static_cast<std::streamoff>(partition.offset + partition.size - noise.size()));
-    disk.write(reinterpret_cast<const char*>(noise.data()),
-               static_cast<std::streamsize>(noise.size()));
-  }
-  Volume DiskBytes(std::uint64_t offset, std::uint64_t size) const {
-    Volume bytes(size);
-    std::ifstream disk(Path("disk"), std::ios::binary);
-    disk.seekg(static_cast<std::streamoff>(offset));
-    disk.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
-    return bytes;
-  }
-
-  void CreateOf(std::uint32_t number, const Arguments& options = {}) const {
-    Create(Path("disk"), Path("a.twf"),
-           Joined({"--force", "--partition", std::to_string(number)}, options));
-  }
-  Json Info(const Arguments& options = {}) const {
-    const ClientResult result = RunClient(Joined({"info", "--json", Path("a.twf")}, options));
-    EXPECT_EQ(result.exitStatus, 0) << result.err;
-    return result.exitStatus == 0 ? Json::parse(result.out) : Json();
-  }
-  std::string InfoText(const Arguments& options = {}) const {
-    return RunClient(Joined({"info", Path("a.twf")}, options)).out;
-  }
-};
 
 std::string Upper(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
@@ -187,44 +98,6 @@ TEST_F(PartitionTest, EachPartitionOfAGptDiskIsToldAsSfdiskTellsIt) {
     EXPECT_EQ(origin["label"], partition.number == 2 ? "Gr\u00fc\u00dfe" : "");
   }
 }
-
-// A disk's file as a block device with a device for each partition. That takes rights and a kernel
-// that not every machine gives.
-class LoopDevice {
- public:
-  explicit LoopDevice(const std::string& disk) {
-    const std::string command =
-        "PATH=\"$PATH:/usr/sbin:/sbin\"; losetup -f --show '" + disk + "' 2>/dev/null";
-    FILE* const output = popen(command.c_str(), "r");
-    char line[64] = {};
-    if (std::fgets(line, sizeof line, output) != nullptr) path_ = line;
-    pclose(output);
-    if (!path_.empty()) path_.pop_back();
-    hasPartitions_ = !path_.empty() && Run("partx -a");
-  }
-  ~LoopDevice() {
-    if (hasPartitions_) Run("partx -d");
-    if (!path_.empty()) Run("losetup -d");
-  }
-  LoopDevice(const LoopDevice&) = delete;
-  LoopDevice& operator=(const LoopDevice&) = delete;
-
-  bool HasPartition(std::uint32_t number) const {
-    return hasPartitions_ && std::filesystem::is_block_file(Partition(number));
-  }
-  const std::string& Path() const { return path_; }
-  std::string Partition(std::uint32_t number) const { return path_ + "p" + std::to_string(number); }
-
- private:
-  bool Run(const std::string& command) const {
-    const std::string line =
-        "PATH=\"$PATH:/usr/sbin:/sbin\" " + command + " " + path_ + " >/dev/null 2>&1";
-    return std::system(line.c_str()) == 0;
-  }
-
-  std::string path_;
-  bool hasPartitions_ = false;
-};
 
 // The system tells the disk and the place; where there is no device, the disk's file stands for it.
 TEST_F(PartitionTest, APartitionsDeviceTellsTheSameAsThePartitionOfTheDisk) {
@@ -341,62 +214,6 @@ TEST_F(PartitionTest, AVolumeWithAFileSystemTellsItsLabelWithoutADisk) {
   EXPECT_EQ(Info()["origin"], nullptr);
   EXPECT_EQ(Info()["headerSectors"], 1);
 }
-
-class EncipheredPartition : public PartitionTest, public testing::WithParamInterface<Encryption> {
- protected:
-  void SetUp() override {
-    PutText("key", "secret");
-    Sfdisk("label: gpt\nsize=2M, name=\"one\"\nsize=4M, name=\"two\"\n");
-    volume_ = Partitions(Table())[1];
-    PutExt4(volume_, "vault");
-    CreateOf(2);
-    plain_ = Info()["origin"];
-    CreateOf(2, Joined({GetParam().option, GetParam().name}, key_));
-  }
-  Volume Bytes() const { return DiskBytes(volume_.offset, volume_.size); }
-
-  Arguments key_ = {"--password-file", Path("key")};
-  Partition volume_;
-  Json plain_;
-};
-
-TEST_P(EncipheredPartition, TellsItsOriginWithThePasswordAlone) {
-  EXPECT_EQ(Info()["origin"], nullptr);
-  EXPECT_NE(InfoText().find("Origin            enciphered; with the password it is shown\n"),
-            std::string::npos);
-  EXPECT_EQ(Info(key_)["origin"], plain_);
-  EXPECT_EQ(plain_["label"], "vault");
-  EXPECT_TRUE(Restore({Path("a.twf")}, key_) == Bytes());
-  const Volume file = ReadFile(Path("a.twf"));
-  const std::string signature = "EFI PART";
-  EXPECT_EQ(std::search(file.begin(), file.end(), signature.begin(), signature.end()), file.end());
-  EXPECT_EQ(ParseImage(file).error, "");
-}
-
-TEST_P(EncipheredPartition, IsWholeAfterARepair) {
-  EXPECT_NE(RunClient({"repair", "--check", Path("a.twf")})
-                .out.find("a GPT in the header: can't be looked for without the password\n"),
-            std::string::npos);
-  const ClientResult checked = RunClient(Joined({"repair", "--check", Path("a.twf")}, key_));
-  EXPECT_EQ(checked.exitStatus, 0) << checked.err;
-  EXPECT_NE(checked.out.find("a GPT in the header: found; no defect, and --forget-gpt drops it\n"),
-            std::string::npos)
-      << checked.out;
-  EXPECT_EQ(RunClient(Joined({"repair", Path("a.twf")}, key_)).exitStatus, 0);
-  EXPECT_EQ(Info(key_)["origin"], plain_) << "nobody asked for it to be dropped";
-
-  const ClientResult mended = RunClient(Joined({"repair", "--forget-gpt", Path("a.twf")}, key_));
-  EXPECT_EQ(mended.exitStatus, 0) << mended.err;
-  EXPECT_NE(mended.out.find("a GPT in the header: mended\n"), std::string::npos) << mended.out;
-  const Json info = Info(key_);
-  EXPECT_EQ(info["origin"]["partitionStyle"], "none");
-  EXPECT_EQ(info["origin"]["label"], "vault");
-  EXPECT_EQ(info["record"]["headerChecksumGood"], true);
-  EXPECT_EQ(info["record"]["extraChecksumGood"], true);
-  EXPECT_TRUE(Restore({Path("a.twf")}, key_) == Bytes());
-}
-
-INSTANTIATE_TEST_SUITE_P(, EncipheredPartition, testing::ValuesIn(kEncryptions), NameOfEncryption);
 
 }  // namespace
 }  // namespace kqtest
