@@ -15,8 +15,11 @@ namespace {
 
 #ifdef KQ_SANITIZED
 constexpr int kOperations = 3000;
+constexpr std::uint32_t kChoices = 1500;
 #else
 constexpr int kOperations = 130000;  // of each of the eight campaigns
+// A few of so many operations close the chain.
+constexpr std::uint32_t kChoices = 20000;
 #endif
 
 constexpr std::size_t kLongestChain = 5;
@@ -32,14 +35,14 @@ class OverlayCampaign {
   void Run() {
     Restart();
     for (int i = 0; i < kOperations && Good(); ++i) {
-      const std::uint32_t choice = dice_.Below(20000);
-      if (choice < 9000) {
+      const std::uint32_t choice = dice_.Below(kChoices);
+      if (choice < kChoices / 20 * 9) {
         Read();
-      } else if (choice < 19976) {
+      } else if (choice < kChoices - 24) {
         Write();
-      } else if (choice < 19988 || !wholeSectors_) {
+      } else if (choice < kChoices - 12 || !wholeSectors_) {
         Reopen();
-      } else if (choice < 19994) {
+      } else if (choice < kChoices - 6) {
         ConvertAside();
       } else {
         Convert();
