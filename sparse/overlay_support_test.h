@@ -19,7 +19,7 @@ using kq::OpenFileCount;
 using kq::ReadChain;
 using kq::Slice;
 
-inline std::uint16_t constexpr kAnyCache = 10;
+inline constexpr std::uint16_t kAnyCache = 10;
 
 inline void ExpectStatus(const KQStatus& status, std::int32_t number, const char* module) {
   EXPECT_EQ(status.status, number);

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "kqimageapi.h"
-#include "tests/campaigns/volume_model.h"
+#include "tests/campaigns/write_plan.h"
 #include "tests/support/test_seed.h"
 
 namespace {
@@ -51,40 +51,6 @@ constexpr int kKills = 60;
 #else
 constexpr int kKills = 400;
 #endif
-
-constexpr std::uint32_t kBytes = 600 * 1024;
-constexpr std::uint32_t kSector = 512;
-
-enum class Step : std::uint8_t { kOpen, kWrite, kClose, kConvert };
-
-struct Operation {
-  Step step = Step::kOpen;
-  std::uint32_t offset = 0;
-  Bytes data = {};
-  std::uint16_t cacheNodes = 0;
-};
-
-// Sessions of one sparse file: each opens it over the chain, writes, and closes. The last one makes
-// an image.
-std::vector<Operation> Plan(Dice* dice) {
-  std::vector<Operation> plan;
-  const std::uint32_t sessions = 2 + dice->Below(3);
-  const bool scattered = dice->Below(2) == 0;
-  for (std::uint32_t session = 0; session < sessions; ++session) {
-    static constexpr std::uint16_t kCacheNodes[] = {1, 2, 10, 1000};
-    plan.push_back({Step::kOpen, 0, {}, kCacheNodes[dice->Below(4)]});
-    // Enough in the first for a tree of several nodes.
-    const std::uint32_t writes = session == 0 && scattered ? 500 : 1 + dice->Below(150);
-    for (std::uint32_t i = 0; i < writes; ++i) {
-      Bytes data(kSector * (1 + dice->Below(scattered ? 2 : 20)));
-      dice->Fill(data.data(), data.size());
-      const auto places = (kBytes - static_cast<std::uint32_t>(data.size())) / kSector;
-      plan.push_back({Step::kWrite, kSector * dice->Below(places), std::move(data), 0});
-    }
-    plan.push_back({session + 1 < sessions ? Step::kClose : Step::kConvert, 0, {}, 0});
-  }
-  return plan;
-}
 
 // What the child has done, seen by both processes.
 struct Progress {
@@ -176,47 +142,14 @@ int RunPlan(const std::vector<Operation>& plan, const Paths& paths, const Death&
   return 0;
 }
 
-// Bytes of the volume and which of them are held.
-struct Held {
-  Bytes bytes = Bytes(kBytes);
-  Bytes held = Bytes(kBytes);  // 1 or 0 for each byte
-
-  void Write(const Operation& operation) {
-    SetBytes(&bytes, operation.offset, operation.data);
-    std::fill_n(held.begin() + operation.offset, operation.data.size(), std::uint8_t{1});
-  }
-};
-
-// What is known after so many finished operations.
-struct Expected {
-  Held now;  // by all finished writes
-  bool everClosed = false;
-  Bytes closedHeld;                    // what is held since the last close
-  const Operation* running = nullptr;  // the next, which may have been cut off
-
-  bool Runs(Step step) const { return running != nullptr && running->step == step; }
-};
-
-Expected Replay(const std::vector<Operation>& plan, std::uint32_t finished) {
-  Expected expected;
-  for (std::uint32_t i = 0; i < finished; ++i) {
-    if (plan[i].step == Step::kWrite) expected.now.Write(plan[i]);
-    if (plan[i].step == Step::kClose || plan[i].step == Step::kConvert) {
-      expected.closedHeld = expected.now.held;
-      expected.everClosed = true;
-    }
-  }
-  if (finished < plan.size()) expected.running = &plan[finished];
-  return expected;
-}
-
 // The file's bytes, and which it holds: those that do not depend on the buffer's content before.
 Held ReadHeld(std::uint64_t sparse) {
   Held result;
-  Bytes other(kBytes, 0xFF);
-  EXPECT_EQ(KQSparseFileRead(sparse, 0, result.bytes.data(), kBytes, nullptr).status, 0);
-  EXPECT_EQ(KQSparseFileRead(sparse, 0, other.data(), kBytes, nullptr).status, 0);
-  for (std::uint32_t i = 0; i < kBytes; ++i) result.held[i] = result.bytes[i] == other[i] ? 1 : 0;
+  Bytes other(kPlanBytes, 0xFF);
+  EXPECT_EQ(KQSparseFileRead(sparse, 0, result.bytes.data(), kPlanBytes, nullptr).status, 0);
+  EXPECT_EQ(KQSparseFileRead(sparse, 0, other.data(), kPlanBytes, nullptr).status, 0);
+  for (std::uint32_t i = 0; i < kPlanBytes; ++i)
+    result.held[i] = result.bytes[i] == other[i] ? 1 : 0;
   return result;
 }
 
@@ -231,7 +164,7 @@ void ExpectClosedState(const Held& found, const Expected& expected) {
   if (expected.Runs(Step::kWrite)) {
     SetBytes(&next, expected.running->offset, expected.running->data);
   }
-  for (std::uint32_t i = 0; i < kBytes; ++i) {
+  for (std::uint32_t i = 0; i < kPlanBytes; ++i) {
     ASSERT_TRUE(found.held[i] == 0 || found.bytes[i] == expected.now.bytes[i] ||
                 found.bytes[i] == next[i])
         << "byte " << i;
@@ -242,7 +175,7 @@ class OverlayCrash : public ::testing::Test {
  protected:
   void SetUp() override {
     ImageSpec spec;
-    spec.chunks = {RawChunk({{0, kBytes / kSector}}, base_)};
+    spec.chunks = {RawChunk({{0, kPlanBytes / kPlanSector}}, base_)};
     WriteFile(paths_.base, BuildImage(spec));
   }
 
@@ -309,18 +242,18 @@ class OverlayCrash : public ::testing::Test {
     }
     ++images_;
     Bytes wanted = base_;
-    for (std::uint32_t i = 0; i < kBytes; ++i) {
+    for (std::uint32_t i = 0; i < kPlanBytes; ++i) {
       if (expected.now.held[i] != 0) wanted[i] = expected.now.bytes[i];
     }
-    Bytes read(kBytes);
-    ASSERT_EQ(KQImageFilesRead(chain, 0, read.data(), kBytes, nullptr).status, 0);
+    Bytes read(kPlanBytes);
+    ASSERT_EQ(KQImageFilesRead(chain, 0, read.data(), kPlanBytes, nullptr).status, 0);
     ASSERT_TRUE(read == wanted) << "the new image is not whole";
     ASSERT_EQ(KQImageFilesClose(chain, nullptr, nullptr, 0).status, 0);
   }
 
   TempDir folder_;
   Paths paths_{folder_.Path("base.twf"), folder_.Path("sparse"), folder_.Path("new.twi")};
-  Bytes base_ = PatternBytes(1, kBytes);
+  Bytes base_ = PatternBytes(1, kPlanBytes);
   int killedInWrite_ = 0;
   int accepted_ = 0;
   int refused_ = 0;
