@@ -90,9 +90,11 @@ FaultTotals TotalsOfFaults() { return {failedAllocations, failedCalls, shortTran
 bool AllocationFails() {
   if (!state.watching) return false;
   ++state.allocations;
-  if (state.fault.kind != Fault::Kind::kAllocation || state.allocations != state.fault.number) {
+  if (state.fault.kind != Fault::Kind::kAllocation || state.allocations < state.fault.number ||
+      state.timesLeft == 0) {
     return false;
   }
+  --state.timesLeft;
   state.happened = true;
   ++failedAllocations;
   errno = ENOMEM;
@@ -135,12 +137,14 @@ bool FileCallFails(const MadeCall& made, std::size_t* length) {
   const Fault& fault = state.fault;
   if (fault.kind == Fault::Kind::kNone || fault.kind == Fault::Kind::kAllocation) return false;
   if (state.calls == fault.number) state.failing = made.call;
-  if (state.calls < fault.number || made.call != state.failing || state.timesLeft == 0) {
-    return false;
-  }
+  const bool isMeant = made.call == state.failing || fault.kind == Fault::Kind::kDiskGone;
+  if (state.calls < fault.number || !isMeant || state.timesLeft == 0) return false;
   if (fault.kind == Fault::Kind::kShortTransfer) {
     if (length == nullptr || *length < 2) return false;
     *length /= 2;
+    ++shortTransfers;
+  } else if (fault.kind == Fault::Kind::kEndOfFile) {
+    *length = 0;
     ++shortTransfers;
   } else {
     errno = fault.errnoValue;
@@ -148,7 +152,7 @@ bool FileCallFails(const MadeCall& made, std::size_t* length) {
   }
   --state.timesLeft;
   state.happened = true;
-  return fault.kind == Fault::Kind::kFailure;
+  return fault.kind == Fault::Kind::kFailure || fault.kind == Fault::Kind::kDiskGone;
 }
 
 }  // namespace kqtest

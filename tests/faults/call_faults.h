@@ -47,15 +47,19 @@ struct MadeCall {
 struct Fault {
   enum class Kind {
     kNone,
-    kAllocation,    // the call fails for want of memory
-    kFailure,       // the call fails with the errno value
-    kShortTransfer  // the read or write moves half of what was asked for
+    kAllocation,     // the call fails for want of memory
+    kFailure,        // the call fails with the errno value
+    kDiskGone,       // it and every other call behind it fails with the errno value
+    kShortTransfer,  // the read or write moves half of what was asked for
+    kEndOfFile,      // the read gives nothing
   };
   Kind kind = Kind::kNone;
   int number = 0;      // which allocation, or which call, from 1
   int errnoValue = 0;  // of a failure
   // How many calls of that function fail, one after the other.
   int times = 1;
+
+  static constexpr int kAlways = 1 << 30;
 };
 
 // Faults happen, allocations are counted and calls listed while it lives. No code but the library's

@@ -1,6 +1,8 @@
 // Every call to the operating system that concerns a file fails, with each errno in turn, and every
 // transfer comes up short.
+#include <algorithm>
 #include <cerrno>
+#include <initializer_list>
 #include <utility>
 
 #include "tests/faults/fault_run.h"
@@ -11,8 +13,6 @@ namespace {
 using FileFaults = FaultRun;
 
 INSTANTIATE_TEST_SUITE_P(All, FileFaults, testing::ValuesIn(AllScenarios()), NameOfScenario);
-
-constexpr int kManyTimes = 1 << 20;
 
 struct Mapping {
   int errnoValue;
@@ -110,7 +110,7 @@ TEST_P(FileFaults, EachFailedCallIsToldWithItsErrnoAndLeavesNothingBehind) {
           Expectation(scenario(), once, module, mapping));
       // A hundred attempts each: one number that has a status of its own will do.
       if (!triedAgain || mapping.errnoValue != ENOSPC) continue;
-      fault.times = kManyTimes;
+      fault.times = Fault::kAlways;
       Try(fault, Describe(call, i, "again and again, errno " + std::to_string(mapping.errnoValue)),
           Expectation(scenario(), *effect, module, mapping));
     }
@@ -126,6 +126,43 @@ TEST_P(FileFaults, ShortTransfersAreCompleted) {
       Try(fault, Describe(calls()[i], i, "short"),
           Expectation(scenario(), Effect::kHidden, "", kMappings[0]));
     }
+  }
+}
+
+void ExpectOneOf(const Scenario& scenario, std::initializer_list<std::int32_t> statuses,
+                 const KQStatus& status) {
+  if (status.status == scenario.doneStatus) return;
+  EXPECT_NE(std::count(statuses.begin(), statuses.end(), status.status), 0) << status.status;
+  scenario.expectFailed();
+}
+
+// As when a file is cut short in the moment. Some reads can do with less, and what they did not get
+// counts as zero: a part that seems not to be the last, a header without its magic.
+TEST_P(FileFaults, ReadsThatEndEarlyLeaveNothingBehind) {
+  ASSERT_NO_FATAL_FAILURE(Rehearse());
+  for (std::size_t i = 0; i < calls().size() && !HasFailure(); ++i) {
+    const MadeCall& call = calls()[i];
+    if (call.call != Call::kRead && call.call != Call::kReadAt) continue;
+    const Fault fault{Fault::Kind::kEndOfFile, static_cast<int>(i) + 1, 0};
+    Try(fault, Describe(call, i, "end of file"), [&](const KQStatus& status) {
+      ExpectOneOf(
+          scenario(),
+          {KQ_STATUS_INVALID_DATA, KQ_STATUS_CRC, KQ_STATUS_GEN_FAILURE, KQ_STATUS_INVALID_PASSWORD,
+           KQ_STATUS_FILE_CORRUPT, KQ_STATUS_NO_MORE_FILES, KQ_STATUS_INVALID_PARAMETER},
+          status);
+    });
+  }
+}
+
+// The disk goes away in the middle of the operation, and comes back behind it.
+TEST_P(FileFaults, ADiskThatIsGoneLeavesNothingBehind) {
+  ASSERT_NO_FATAL_FAILURE(Rehearse());
+  for (std::size_t i = 0; i < calls().size() && !HasFailure(); ++i) {
+    const Fault fault{Fault::Kind::kDiskGone, static_cast<int>(i) + 1, EIO, Fault::kAlways};
+    Try(fault, Describe(calls()[i], i, "and all behind it"), [&](const KQStatus& status) {
+      ExpectOneOf(scenario(),
+                  {KQ_STATUS_CRC, KQ_STATUS_INVALID_PASSWORD, KQ_STATUS_INVALID_PARAMETER}, status);
+    });
   }
 }
 

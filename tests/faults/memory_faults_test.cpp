@@ -1,13 +1,18 @@
 // Every allocation of every operation fails once. The operation then says so, with nothing left of
 // it and nothing locked, or does without what the memory was for.
 #include <algorithm>
+#include <cerrno>
 
 #include "tests/faults/fault_run.h"
 
 namespace kqtest {
 namespace {
 
-using MemoryFaults = FaultRun;
+class MemoryFaults : public FaultRun {
+ protected:
+  // True: the operation could do without.
+  bool ExpectToldOrNeedless(const KQStatus& status) const;
+};
 
 INSTANTIATE_TEST_SUITE_P(All, MemoryFaults, testing::ValuesIn(AllScenarios()), NameOfScenario);
 
@@ -22,28 +27,40 @@ void ExpectDetailsOf(const KQStatus& status) {
   }
 }
 
+bool MemoryFaults::ExpectToldOrNeedless(const KQStatus& status) const {
+  if (status.status == scenario().doneStatus) {
+    scenario().expectDegraded ? scenario().expectDegraded() : scenario().expectDone();
+    return true;
+  }
+  const std::vector<std::int32_t>& allowed = scenario().memoryStatuses;
+  EXPECT_NE(std::count(allowed.begin(), allowed.end(), status.status), 0) << status.status;
+  ExpectDetailsOf(status);
+  EXPECT_STRNE(status.file, "");
+  scenario().expectFailed();
+  return false;
+}
+
 TEST_P(MemoryFaults, EachFailedAllocationIsToldAndLeavesNothingBehind) {
   ASSERT_NO_FATAL_FAILURE(Rehearse());
   int needless = 0;
   for (int i = 1; i <= allocations() && !HasFailure(); ++i) {
     const Fault fault{Fault::Kind::kAllocation, i, 0};
     Try(fault, "allocation " + std::to_string(i) + " fails", [&](const KQStatus& status) {
-      if (status.status == scenario().doneStatus) {
-        ++needless;
-        scenario().expectDegraded ? scenario().expectDegraded() : scenario().expectDone();
-        return;
-      }
-      EXPECT_NE(std::count(scenario().memoryStatuses.begin(), scenario().memoryStatuses.end(),
-                           status.status),
-                0)
-          << status.status;
-      ExpectDetailsOf(status);
-      EXPECT_STRNE(status.file, "");
-      scenario().expectFailed();
+      if (ExpectToldOrNeedless(status)) ++needless;
     });
   }
   if (!scenario().expectDegraded) {
     EXPECT_EQ(needless, CountBlockSizeProbes(calls()) + scenario().needlessAllocations);
+  }
+}
+
+// Memory that has run out stays short until the operation is over.
+TEST_P(MemoryFaults, MemoryThatHasRunOutLeavesNothingBehind) {
+  ASSERT_NO_FATAL_FAILURE(Rehearse());
+  for (int i = 1; i <= allocations() && !HasFailure(); ++i) {
+    const Fault fault{Fault::Kind::kAllocation, i, 0, Fault::kAlways};
+    Try(fault, "allocation " + std::to_string(i) + " and all behind it fail",
+        [&](const KQStatus& status) { ExpectToldOrNeedless(status); });
   }
 }
 

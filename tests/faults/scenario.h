@@ -42,6 +42,8 @@ struct Scenario {
   bool repeatable = true;
   // Which calls' failure takes something with it, so that the call does not work again.
   std::function<bool(std::span<const MadeCall> calls, std::size_t i)> losesData;
+  // After a failure: what the operation has made is removed, if the disk lets it be.
+  std::function<void()> expectRemoved;
   // A failure leaves the object, and what it holds, behind for good: how many descriptors.
   bool staysOpenOnFailure = false;
 

@@ -104,8 +104,8 @@ Scenario Make(const std::shared_ptr<SparseState>& state, std::int32_t mode, bool
     EXPECT_EQ(KQSparseFileGetNumDataBytes(state->handle, &bytes).status, 0);
     EXPECT_EQ(bytes, 0u);
   };
-  scenario.expectFailed = [=] {
-    EXPECT_EQ(state->handle, 0u);
+  scenario.expectFailed = [=] { EXPECT_EQ(state->handle, 0u); };
+  scenario.expectRemoved = [=] {
     if (!exists) {
       EXPECT_FALSE(std::filesystem::exists(state->path));
     }
