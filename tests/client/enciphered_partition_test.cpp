@@ -39,6 +39,26 @@ TEST_P(EncipheredPartition, TellsItsOriginWithThePasswordAlone) {
   EXPECT_EQ(ParseImage(file).error, "");
 }
 
+TEST_P(EncipheredPartition, AWrongPasswordShowsNoNoise) {
+  PutText("wrong", "guess");
+  const Arguments wrong = {"--password-file", Path("wrong")};
+  const ClientResult result = RunClient(Joined({"info", Path("a.twf")}, wrong));
+  if (GetParam().type != kUncheckedEncryption.type) {
+    EXPECT_EQ(result.exitStatus, 1);
+    return;
+  }
+  EXPECT_NE(
+      result.out.find("Password          probably wrong: with it the header makes no sense\n"),
+      std::string::npos)
+      << result.out;
+  EXPECT_EQ(Info(wrong)["password"], "doubtful");
+  EXPECT_EQ(Info(wrong)["origin"], nullptr);
+  EXPECT_EQ(Info(key_)["password"], "unchecked");
+  EXPECT_NE(RunClient(Joined({"repair", "--check", Path("a.twf")}, wrong))
+                .out.find("can't be looked for: the password is probably wrong\n"),
+            std::string::npos);
+}
+
 TEST_P(EncipheredPartition, IsWholeAfterARepair) {
   EXPECT_NE(RunClient({"repair", "--check", Path("a.twf")})
                 .out.find("a GPT in the header: can't be looked for without the password\n"),

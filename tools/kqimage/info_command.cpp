@@ -41,8 +41,9 @@ PasswordVerdict TryPassword(const InfoOptions& options, const ImageFile& file, P
   }
   ObtainPassword(options.password, file.path, Asking::kOnce, password);
   CheckPasswordOpens(file, password);
-  return encryption == KQ_ENCRYPTION_AES128_UNCHECKED ? PasswordVerdict::kUnchecked
-                                                      : PasswordVerdict::kRight;
+  if (encryption != KQ_ENCRYPTION_AES128_UNCHECKED) return PasswordVerdict::kRight;
+  return IsPasswordDoubtful(options.file, password) ? PasswordVerdict::kDoubtful
+                                                    : PasswordVerdict::kUnchecked;
 }
 
 void Info(const InfoOptions& options) {
@@ -54,7 +55,9 @@ void Info(const InfoOptions& options) {
                        .password = TryPassword(options, file, password)};
   Check(KQImageFileGetInfo2(options.file.c_str(), &report.info), "read the image", options.file);
   const bool isPlain = file.info.encryptionType == KQ_ENCRYPTION_NONE;
-  if (isPlain || password.CString() != nullptr) {
+  const bool isLegible =
+      isPlain || (password.CString() != nullptr && report.password != PasswordVerdict::kDoubtful);
+  if (isLegible) {
     report.origin = ReadOrigin(options.file, password.CString());
   }
   report.chain = ReportChain(options.file, options.folders);

@@ -95,6 +95,8 @@ nlohmann::ordered_json JsonPassword(PasswordVerdict verdict) {
       return "right";
     case PasswordVerdict::kUnchecked:
       return "unchecked";
+    case PasswordVerdict::kDoubtful:
+      return "doubtful";
     case PasswordVerdict::kNotTried:
       break;
   }
@@ -119,6 +121,9 @@ std::string TextReport(const InfoReport& report) {
   if (report.password == PasswordVerdict::kRight) lines.Add("Password", "right");
   if (report.password == PasswordVerdict::kUnchecked) {
     lines.Add("Password", "can't be checked with this encryption");
+  }
+  if (report.password == PasswordVerdict::kDoubtful) {
+    lines.Add("Password", "probably wrong: with it the header makes no sense");
   }
   lines.Add("Part", fmt::format("{}{}", std::uint64_t{basic.partIndex} + 1,
                                 basic.lastPart != 0 ? " (the last)" : " (more follow)"));

@@ -18,6 +18,7 @@ enum class PasswordVerdict {
   kNotTried,   // none was given, or the image is plain
   kRight,      // a wrong one ends the command with a failure
   kUnchecked,  // the image's encryption can't tell
+  kDoubtful,   // nor can it, but with this one the header makes no sense
 };
 
 struct InfoReport {

@@ -112,6 +112,21 @@ void ObtainChainPassword(const PasswordOptions& options, std::span<const ImageFi
   for (const ImageFile& file : chain) CheckPasswordOpens(file, password);
 }
 
+bool IsPasswordDoubtful(const std::string& path, const Password& password) {
+  bool isDoubtful = false;
+  std::uint64_t issues = 0;
+  KQImageFileFixHeader(
+      path.c_str(), password.CString(), &issues, 1,
+      [](void* argument, const HeaderIssueReport* report) {
+        if (report->skipped != 0 && report->status.status == KQ_STATUS_FILE_CORRUPT) {
+          *static_cast<bool*>(argument) = true;
+        }
+        return true;
+      },
+      &isDoubtful);
+  return isDoubtful;
+}
+
 void CheckPasswordOpens(const ImageFile& file, const Password& password) {
   bool opens = false;
   Check(KQImageFileTestPassword(file.path.c_str(), password.CString(), &opens),

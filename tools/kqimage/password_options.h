@@ -44,6 +44,10 @@ const ImageFile* FirstEnciphered(std::span<const ImageFile> files);
 void ObtainChainPassword(const PasswordOptions& options, std::span<const ImageFile> chain,
                          Password& password);
 
+// True if the enciphered part of a header makes no sense under the password, which then is wrong in
+// all likelihood. This tells something of an encryption that takes any password.
+bool IsPasswordDoubtful(const std::string& path, const Password& password);
+
 // Throws a Failure that names the file unless the password opens it. An image whose encryption
 // can't tell, and a plain one, take any password.
 void CheckPasswordOpens(const ImageFile& file, const Password& password);

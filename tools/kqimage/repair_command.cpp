@@ -73,8 +73,10 @@ std::string IssueText(const HeaderIssueReport& report) {
 
 std::string ResultText(const HeaderIssueReport& report, bool check) {
   if (report.skipped != 0) {
-    return report.status.status == KQ_STATUS_SUCCESS ? "not found"
-                                                     : "can't be looked for without the password";
+    if (report.status.status == KQ_STATUS_SUCCESS) return "not found";
+    return report.status.status == KQ_STATUS_FILE_CORRUPT
+               ? "can't be looked for: the password is probably wrong"
+               : "can't be looked for without the password";
   }
   if (report.present == 0) return "not found";
   if (!check) return "mended";
