@@ -161,6 +161,7 @@ std::vector<LeftOutFile> Catalogue::LeftOut() const {
     }
   }
   std::vector<LeftOutFile> leftOut;
+  leftOut.reserve(others.size());
   for (const std::string& path : others) leftOut.push_back({path, WhyLeftOut(path)});
   return leftOut;
 }
