@@ -16,10 +16,21 @@
 #endif
 extern "C" {
 void* MallocBehind(std::size_t size) KQ_BEHIND(malloc);
-void* CallocBehind(std::size_t count, std::size_t size) KQ_BEHIND(calloc);
 void* MemalignBehind(std::size_t alignment, std::size_t size) KQ_BEHIND(memalign);
 void FreeBehind(void* memory) KQ_BEHIND(free);
 }
+
+namespace {
+
+// The library reads straight into a buffer that lies well, and through another one otherwise. So
+// that a run makes the same allocations as the one before, every buffer lies well that is large
+// enough for a sector.
+void* Allocate(std::size_t size) {
+  constexpr std::size_t kBlockBytes = 128;
+  return size < kBlockBytes ? MallocBehind(size) : MemalignBehind(kBlockBytes, size);
+}
+
+}  // namespace
 
 // The project hides its symbols by default; these must be seen by the shared library.
 #define KQ_SEEN_BY_ALL __attribute__((visibility("default")))
@@ -28,22 +39,24 @@ extern "C" {
 
 KQ_SEEN_BY_ALL void* malloc(std::size_t size) {
   if (kqtest::AllocationFails()) return nullptr;
-  void* const made = MallocBehind(size);
+  void* const made = Allocate(size);
   kqtest::NoteAllocated(made, size);
   return made;
 }
 
 KQ_SEEN_BY_ALL void* calloc(std::size_t count, std::size_t size) {
   if (kqtest::AllocationFails()) return nullptr;
-  void* const made = CallocBehind(count, size);
-  kqtest::NoteAllocated(made, 0);  // it stays zero
-  return made;
+  std::size_t bytes = 0;
+  if (__builtin_mul_overflow(count, size, &bytes)) return nullptr;
+  void* const made = Allocate(bytes);
+  kqtest::NoteAllocated(made, bytes);
+  return made == nullptr ? nullptr : std::memset(made, 0, bytes);
 }
 
 KQ_SEEN_BY_ALL void* realloc(void* memory, std::size_t size) {
   if (kqtest::AllocationFails()) return nullptr;
   // Always moves, so that whoever keeps a pointer to the old place is found out.
-  void* const made = MallocBehind(size);
+  void* const made = Allocate(size);
   if (made == nullptr) return nullptr;
   kqtest::NoteAllocated(made, size);
   if (memory != nullptr) {
