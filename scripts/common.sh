@@ -7,9 +7,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # oracles.
 build_packages=(
   cmake g++ ninja-build pkg-config uuid-dev
-  libblkid-dev libcli11-dev libfmt-dev nlohmann-json3-dev
+  libblkid-dev libcli11-dev libfmt-dev libfuse3-dev nlohmann-json3-dev
   libgtest-dev libbenchmark-dev liblzo2-dev libssl-dev
-  e2fsprogs fdisk gdisk util-linux
+  e2fsprogs fdisk fuse2fs fuse3 gdisk util-linux
 )
 check_packages=(clang clang-format clang-tidy)
 

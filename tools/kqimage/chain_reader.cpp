@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "kqimage/block_compare.h"
 #include "kqimage/failure.h"
@@ -39,7 +40,7 @@ void RefuseUnreadable(const Chain& chain) {
   }
 }
 
-ChainReader::ChainReader(const Chain& chain, const char* password)
+ChainReader::ChainReader(const Chain& chain, const char* password, std::uint64_t sparse)
     : newestPath_(chain.back().path),
       volumeSize_(chain.back().info.sourceSize),
       probe_(kProbeBytes) {
@@ -56,10 +57,21 @@ ChainReader::ChainReader(const Chain& chain, const char* password)
     list += fmt::format("/proc/self/fd/{}", fd.Get());
     opened_.push_back(std::move(fd));
   }
-  Check(KQImageFilesOpen(list.c_str(), password, 0, &handle_), "open the image", newestPath_);
+  Check(KQImageFilesOpen(list.c_str(), password, sparse, &handle_), "open the image", newestPath_);
 }
 
-ChainReader::~ChainReader() { KQImageFilesClose(handle_, nullptr, nullptr, 0); }
+ChainReader::~ChainReader() {
+  if (handle_ != 0) Close();
+}
+
+KQStatus ChainReader::Close() {
+  return KQImageFilesClose(std::exchange(handle_, 0), nullptr, nullptr, 0);
+}
+
+KQStatus ChainReader::Write(std::uint64_t offset, std::span<const std::byte> bytes) const {
+  return KQImageFilesWrite(handle_, offset, bytes.data(), static_cast<std::uint32_t>(bytes.size()),
+                           nullptr);
+}
 
 void ChainReader::Read(std::uint64_t offset, std::span<std::byte> bytes) const {
   const KQStatus status = KQImageFilesRead(handle_, offset, bytes.data(),

@@ -24,8 +24,10 @@ class ChainReader {
  public:
   // Opens the chain, which RefuseUnreadable has let pass. Throws a Failure if that fails. The
   // password, needed if one of the files is enciphered, must have been tried on each of them: the
-  // library takes a file that the process has open already with any.
-  explicit ChainReader(const Chain& chain, const char* password = nullptr);
+  // library takes a file that the process has open already with any. The handle of a sparse file to
+  // lay over the chain becomes the reader's.
+  explicit ChainReader(const Chain& chain, const char* password = nullptr,
+                       std::uint64_t sparse = 0);
   ~ChainReader();
   ChainReader(const ChainReader&) = delete;
   ChainReader& operator=(const ChainReader&) = delete;
@@ -37,6 +39,13 @@ class ChainReader {
   // chunk come up when they are read by themselves. Damage stays unnoticed only where nothing but
   // zero follows it in the range.
   void ReadWhole(std::uint64_t offset, std::span<std::byte> bytes);
+
+  // Writes into the sparse file.
+  KQStatus Write(std::uint64_t offset, std::span<const std::byte> bytes) const;
+
+  // Closes the chain, and the sparse file completely; nothing else may be called then. Where that
+  // can't fail, the destructor will do.
+  KQStatus Close();
 
   // The SourceSize of the newest image.
   std::uint64_t VolumeSize() const { return volumeSize_; }

@@ -42,6 +42,12 @@ std::string CheckComment(const std::string& comment) {
 
 }  // namespace
 
+void AddCommentOption(CLI::App& command, std::string& comment) {
+  command.add_option("--comment", comment, "A text to keep in the image")
+      ->check(CheckComment)
+      ->type_name("TEXT");
+}
+
 void AddQuietOption(CLI::App& command, bool& quiet) {
   command.add_flag("-q,--quiet", quiet, "Print nothing but errors");
 }
@@ -58,9 +64,7 @@ void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string
               "restore nor to make an increment")
       ->check(CheckCompression)
       ->type_name("TYPE");
-  command.add_option("--comment", options.comment, "A text to keep in the image")
-      ->check(CheckComment)
-      ->type_name("TEXT");
+  AddCommentOption(command, options.comment);
   command.add_flag("--force", options.force, "Replace a file that has the new image's name");
   AddQuietOption(command, options.quiet);
 }

@@ -19,6 +19,8 @@ struct ImageOptions {
 // Adds --compress, --comment, --force and --quiet. defaultText tells what holds without --compress.
 void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string& defaultText);
 
+void AddCommentOption(CLI::App& command, std::string& comment);
+
 void AddQuietOption(CLI::App& command, bool& quiet);
 
 }  // namespace kqimage

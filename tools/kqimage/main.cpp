@@ -24,6 +24,7 @@ constexpr char kExamples[] = R"(Examples:
   kqimage info /backup/data-i001.twi               what an image is
   kqimage list /backup                             the families of images in a folder
   kqimage restore /backup/data-i001.twi --to disk.img
+  kqimage mount /backup/data-i001.twi /mnt/image   the volume as a file
 
 kqimage COMMAND --help tells more about each command.)";
 
@@ -81,6 +82,8 @@ int main(int argc, char** argv) try {
   kqimage::AddListCommand(app, run);
   kqimage::AddChainCommand(app, run);
   kqimage::AddRepairCommand(app, run);
+  kqimage::AddMountCommand(app, run);
+  kqimage::AddCommitCommand(app, run);
 
   try {
     app.parse(argc, argv);

@@ -28,9 +28,10 @@ KQStatus AskForName(NameQuery* query, const std::string& path, std::string& name
   return status;
 }
 
-std::string NextInSeries(const std::string& image) {
+std::string NextInSeries(const std::string& image,
+                         NameQuery* query = KQImageGetNextAvailableImageFileName) {
   std::string next;
-  const KQStatus status = AskForName(KQImageGetNextAvailableImageFileName, image, next);
+  const KQStatus status = AskForName(query, image, next);
   if (status.status == KQ_STATUS_INVALID_PARAMETER) {
     throw UsageFailure(fmt::format(
         "no name can be derived from {}, which ends in neither .twf nor .twi: name the new image",
@@ -69,6 +70,10 @@ std::string NextIncrementPath(const std::string& image, const std::string& folde
   // What is no regular file has no next name; whoever creates the file finds it in the way.
   std::error_code error;
   return std::filesystem::is_regular_file(inFolder, error) ? NextInSeries(inFolder) : inFolder;
+}
+
+std::string NextMountPath(const std::string& image) {
+  return NextInSeries(image, KQImageGetNextAvailableMountGeneratedImageFileName);
 }
 
 std::string NextBasePath(const std::string& source, const std::string& folder) {

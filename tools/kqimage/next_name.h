@@ -16,6 +16,9 @@ namespace kqimage {
 // if the image's own name ends in neither .twf nor .twi.
 std::string NextIncrementPath(const std::string& image, const std::string& folder = {});
 
+// The next free name for an increment that is made of the mounted image: STEM-mNNN.twi beside it.
+std::string NextMountPath(const std::string& image);
+
 // The first free name STEM-bNNN.twf in the folder for a full image of the source, whose name
 // without its extension is the stem.
 std::string NextBasePath(const std::string& source, const std::string& folder);

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "kqimage/chain_finder.h"
+#include "kqimage/chain_argument.h"
 #include "kqimage/chain_reader.h"
 #include "kqimage/commands.h"
 #include "kqimage/failure.h"
@@ -54,16 +54,8 @@ void WriteVolume(ChainReader& reader, VolumeTarget& target, Progress& progress) 
   target.Finish();
 }
 
-Chain ResolveChain(const RestoreOptions& options) {
-  if (options.files.size() == 1) return FindChain(options.files.front(), options.folders);
-  if (!options.folders.empty()) {
-    throw UsageFailure("--search looks for the files behind one FILE, and here all are named");
-  }
-  return OrderChain(options.files);
-}
-
 void Restore(const RestoreOptions& options) {
-  const Chain chain = ResolveChain(options);
+  const Chain chain = ResolveChain(options.files, options.folders);
   const std::string& newest = chain.back().path;
   for (const ImageFile& file : chain) {
     const auto identity = IdentityOf(file.path);
