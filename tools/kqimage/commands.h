@@ -17,6 +17,7 @@ void AddInfoCommand(CLI::App& app, Run& run);
 void AddListCommand(CLI::App& app, Run& run);
 void AddChainCommand(CLI::App& app, Run& run);
 void AddRepairCommand(CLI::App& app, Run& run);
+void AddVerifyCommand(CLI::App& app, Run& run);
 void AddMountCommand(CLI::App& app, Run& run);
 void AddCommitCommand(CLI::App& app, Run& run);
 

@@ -26,6 +26,14 @@ class UsageFailure : public Failure {
   using Failure::Failure;
 };
 
+// Thrown by a command that has done its work and printed what it found: main ends with its exit
+// status and says nothing more.
+struct Verdict {
+  int exitStatus = 0;
+};
+inline constexpr int kExitUnknown = 1;
+inline constexpr int kExitFound = 3;  // damage, or a difference
+
 // Throws a Failure "cannot ACTION PATH: WORDS" for an errno value.
 [[noreturn]] void FailErrno(int error, std::string_view action, std::string_view path);
 

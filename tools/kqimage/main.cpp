@@ -1,6 +1,7 @@
 // kqimage: makes, reads and restores backup images of volumes.
 //
-// Exit status: 0 done, 1 failed or interrupted, 2 the command line makes no sense.
+// Exit status: 0 done, 1 failed or interrupted, 2 the command line makes no sense, 3 what was
+// looked at is damaged or different.
 
 #include <fmt/format.h>
 #include <malloc.h>
@@ -42,11 +43,16 @@ int Fail(std::string_view message, int exitStatus) {
 int RunCommand(const kqimage::Run& run) {
   try {
     kqimage::CatchInterrupts();
-    run();
+    int exitStatus = 0;
+    try {
+      run();
+    } catch (const kqimage::Verdict& verdict) {
+      exitStatus = verdict.exitStatus;
+    }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
       return Fail("cannot write to standard output", kExitFailure);
     }
-    return 0;
+    return exitStatus;
   } catch (const kqimage::Interrupted&) {
     return Fail("interrupted; what was unfinished has been removed", kExitFailure);
   } catch (const kqimage::UsageFailure& failure) {
@@ -82,6 +88,7 @@ int main(int argc, char** argv) try {
   kqimage::AddListCommand(app, run);
   kqimage::AddChainCommand(app, run);
   kqimage::AddRepairCommand(app, run);
+  kqimage::AddVerifyCommand(app, run);
   kqimage::AddMountCommand(app, run);
   kqimage::AddCommitCommand(app, run);
 
