@@ -9,58 +9,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <numeric>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "kqimageapi.h"
-#include "kqimageformat.h"
 
 namespace {
 
 constexpr std::uint64_t kDataBytes = 256 << 20;
 constexpr std::uint32_t kPiece = 1 << 20;
 
-void Require(bool worked, const char* what) {
-  if (worked) return;
-  std::fprintf(stderr, "%s failed\n", what);
-  std::exit(1);
-}
+using kqbench::BenchPath;
+using kqbench::Require;
 
-std::string PathOf(const char* name) {
-  const char* folder = std::getenv("KQ_BENCH_FOLDER");
-  return std::string(folder != nullptr ? folder : "/dev/shm") + "/kqconvert-bench-" +
-         std::to_string(getpid()) + "-" + name;
-}
-
-// A file that is removed with the object.
-struct BenchPath {
-  explicit BenchPath(const char* name) : path(PathOf(name)) {}
-  ~BenchPath() { unlink(path.c_str()); }
-  BenchPath(const BenchPath&) = delete;
-  BenchPath& operator=(const BenchPath&) = delete;
-
-  const std::string path;
-};
-
-void MakeParent(const std::string& path) {
-  std::vector<std::uint8_t> header(512);
-  ImageHeader record{};
-  std::memcpy(record.Magic, KQ_MAGIC_FINISHED, sizeof record.Magic);
-  record.SectorSize = 512;
-  std::memcpy(header.data(), &record, sizeof record);
-  std::uint64_t image = 0;
-  Require(KQNewImageFileCreate2(header.data(), 512, nullptr, path.c_str(), nullptr, nullptr,
-                                nullptr, nullptr, &image)
-                  .status == 0,
-          "create");
-  Require(KQNewImageFileWrite(image, header.data(), 512, 0).status == 0, "write");
-  Require(KQNewImageFileClose(image, nullptr).status == 0, "close");
-}
+constexpr char kFolder[] = "/dev/shm";
 
 void MakeSparseFile(const std::string& path, std::uint32_t extentBytes, bool shuffled) {
   std::vector<std::uint64_t> numbers(kDataBytes / extentBytes);
@@ -80,10 +45,10 @@ void MakeSparseFile(const std::string& path, std::uint32_t extentBytes, bool shu
 }
 
 void Convert(benchmark::State& state) {
-  const BenchPath parent("parent");
-  const BenchPath sparse("sparse");
-  const BenchPath image("image");
-  MakeParent(parent.path);
+  const BenchPath parent(kFolder, "parent");
+  const BenchPath sparse(kFolder, "sparse");
+  const BenchPath image(kFolder, "image");
+  kqbench::MakeBase(parent.path, std::vector<std::uint8_t>(512, 1), kDataBytes);
   MakeSparseFile(sparse.path, static_cast<std::uint32_t>(state.range(0)), state.range(1) != 0);
   for (auto _ : state) {
     Require(KQConvertSparseToIncremental(sparse.path.c_str(), parent.path.c_str(), nullptr,
@@ -102,8 +67,8 @@ BENCHMARK(Convert)
     ->Unit(benchmark::kMillisecond);
 
 void PlainCopy(benchmark::State& state) {
-  const BenchPath source("source");
-  const BenchPath target("target");
+  const BenchPath source(kFolder, "source");
+  const BenchPath target(kFolder, "target");
   std::vector<std::uint8_t> buffer(kPiece, 0x5A);
   const int from = open(source.path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
   for (std::uint64_t done = 0; done < kDataBytes; done += kPiece) {
