@@ -4,44 +4,16 @@
 // later writes in it that went over what that close had: they are in the file when they return, and
 // need no change of the tree. An image that was being made is refused too, or it is whole.
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "kqimageapi.h"
+#include "tests/campaigns/killed_process.h"
 #include "tests/campaigns/write_plan.h"
 #include "tests/support/test_seed.h"
-
-namespace {
-
-// How many more writes come to their end before this process is killed in one; negative: all do.
-int writesLeft = -1;
-std::size_t pagesOfLastWrite = 0;  // what that one still does
-
-}  // namespace
-
-// The library's writes come here.
-extern "C" __attribute__((visibility("default"))) ssize_t write(int file, const void* data,
-                                                                std::size_t size) {
-  constexpr std::size_t kPage = 4096;
-  if (writesLeft == 0) {
-    const std::size_t part = std::min(size / kPage, pagesOfLastWrite) * kPage;
-    static_cast<void>(syscall(SYS_write, file, data, part));
-    kill(getpid(), SIGKILL);
-  }
-  if (writesLeft > 0) --writesLeft;
-  return syscall(SYS_write, file, data, size);
-}
 
 namespace kqtest {
 namespace {
@@ -52,76 +24,36 @@ constexpr int kKills = 60;
 constexpr int kKills = 400;
 #endif
 
-// What the child has done, seen by both processes.
-struct Progress {
-  std::atomic<std::uint32_t> finished{0};
-};
-
-class SharedProgress {
- public:
-  SharedProgress()
-      : memory_(mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                     -1, 0)),
-        progress_(new (memory_) Progress) {}
-  ~SharedProgress() { munmap(memory_, sizeof(Progress)); }
-  SharedProgress(const SharedProgress&) = delete;
-  SharedProgress& operator=(const SharedProgress&) = delete;
-
-  std::atomic<std::uint32_t>& finished() const { return progress_->finished; }
-
- private:
-  void* memory_;
-  Progress* progress_;
-};
-
 struct Paths {
   std::string base;
   std::string sparse;
   std::string newImage;
 };
 
-// When the process that runs a plan is killed: some time after it has finished so many operations,
-// or in the middle of a write from then on.
-struct Death {
-  std::uint32_t operations = 0;
-  std::chrono::nanoseconds moment{0};
-  bool inWrite = false;
-  int writes = 0;         // that come to their end before
-  std::size_t pages = 0;  // of the last one
-};
-
 // Closes are few but have many steps: every other death meets one.
 Death PlanDeath(const std::vector<Operation>& plan, Dice* dice) {
   Death death;
-  death.operations = dice->Below(plan.size() + 1);
+  death.steps = dice->Below(plan.size() + 1);
   if (dice->Below(2) == 0) {
-    while (death.operations + 1 < plan.size() && plan[death.operations].step == Step::kWrite) {
-      ++death.operations;
-    }
+    while (death.steps + 1 < plan.size() && plan[death.steps].step == Step::kWrite) ++death.steps;
   }
   death.moment = std::chrono::nanoseconds(dice->Below(200000));
-  death.inWrite = dice->Below(2) == 0;
-  death.writes = static_cast<int>(dice->Below(8));
+  death.inCall = dice->Below(2) == 0;
+  death.calls = dice->Below(8);
   death.pages = dice->Below(3);
   return death;
 }
 
-// Runs the plan; the child process ends with 0 if all went well.
-int RunPlan(const std::vector<Operation>& plan, const Paths& paths, const Death& death,
-            std::atomic<std::uint32_t>* finished) {
+bool RunPlan(const std::vector<Operation>& plan, const Paths& paths, const StepDone& stepDone) {
   std::uint64_t chain = 0;
   for (const Operation& operation : plan) {
-    if (death.inWrite && finished->load() == death.operations) {
-      pagesOfLastWrite = death.pages;
-      writesLeft = death.writes;
-    }
     KQStatus status{};
     switch (operation.step) {
       case Step::kOpen: {
         std::uint64_t sparse = 0;
         status = KQSparseFileOpen2(paths.sparse.c_str(), KQ_SPARSE_OPEN_ALWAYS, 0,
                                    operation.cacheNodes, &sparse);
-        if (status.status != 0) return 1;
+        if (status.status != 0) return false;
         status = KQImageFilesOpen(paths.base.c_str(), nullptr, sparse, &chain);
         break;
       }
@@ -136,10 +68,10 @@ int RunPlan(const std::vector<Operation>& plan, const Paths& paths, const Death&
         status = KQImageFilesClose(chain, paths.newImage.c_str(), nullptr, 0);
         break;
     }
-    if (status.status != 0) return 1;
-    finished->fetch_add(1);
+    if (status.status != 0) return false;
+    stepDone();
   }
-  return 0;
+  return true;
 }
 
 // The file's bytes, and which it holds: those that do not depend on the buffer's content before.
@@ -177,36 +109,6 @@ class OverlayCrash : public ::testing::Test {
     ImageSpec spec;
     spec.chunks = {RawChunk({{0, kPlanBytes / kPlanSector}}, base_)};
     WriteFile(paths_.base, BuildImage(spec));
-  }
-
-  // Runs the plan in a process that is killed. Returns how many operations it has finished.
-  std::uint32_t RunAndKill(const std::vector<Operation>& plan, const Death& death) {
-    const SharedProgress progress;
-    const pid_t child = fork();
-    if (child == 0) _exit(RunPlan(plan, paths_, death, &progress.finished()));
-    EXPECT_GT(child, 0);
-    int state = 0;
-    if (death.inWrite) {
-      waitpid(child, &state, 0);
-      if (WIFSIGNALED(state)) ++killedInWrite_;
-    } else {
-      Kill(child, progress, death, &state);
-    }
-    EXPECT_TRUE(WIFSIGNALED(state) ? WTERMSIG(state) == SIGKILL : WEXITSTATUS(state) == 0)
-        << "an operation failed";
-    return progress.finished();
-  }
-
-  static void Kill(pid_t child, const SharedProgress& progress, const Death& death, int* state) {
-    while (progress.finished() < death.operations) {
-      sched_yield();
-      if (waitpid(child, state, WNOHANG) != 0) return;  // it has come to its end
-    }
-    const auto end = std::chrono::steady_clock::now() + death.moment;
-    while (std::chrono::steady_clock::now() < end) {
-    }
-    kill(child, SIGKILL);
-    waitpid(child, state, 0);
   }
 
   void CheckSparseFile(const Expected& expected) {
@@ -254,7 +156,7 @@ class OverlayCrash : public ::testing::Test {
   TempDir folder_;
   Paths paths_{folder_.Path("base.twf"), folder_.Path("sparse"), folder_.Path("new.twi")};
   Bytes base_ = PatternBytes(1, kPlanBytes);
-  int killedInWrite_ = 0;
+  int killedInCall_ = 0;
   int accepted_ = 0;
   int refused_ = 0;
   int images_ = 0;
@@ -269,15 +171,18 @@ TEST_F(OverlayCrash, KilledProcessLeavesAClosedStateOrARefusedFile) {
     const std::vector<Operation> plan = Plan(&dice);
     std::filesystem::remove(paths_.sparse);
     std::filesystem::remove(paths_.newImage);
-    const std::uint32_t finished = RunAndKill(plan, PlanDeath(plan, &dice));
-    const Expected expected = Replay(plan, finished);
+    const Death death = PlanDeath(plan, &dice);
+    const Outcome outcome =
+        RunAndKill([&](const StepDone& done) { return RunPlan(plan, paths_, done); }, death);
+    if (death.inCall && outcome.killed) ++killedInCall_;
+    const Expected expected = Replay(plan, outcome.steps);
     CheckSparseFile(expected);
     if (HasFatalFailure()) break;
-    CheckNewImage(expected, finished == plan.size());
+    CheckNewImage(expected, outcome.steps == plan.size());
   }
-  std::printf("%d killed in a write; %d accepted, %d refused; %d images, %d unfinished\n",
-              killedInWrite_, accepted_, refused_, images_, unfinishedImages_);
-  EXPECT_GT(killedInWrite_, 0);
+  std::printf("%d killed in a call; %d accepted, %d refused; %d images, %d unfinished\n",
+              killedInCall_, accepted_, refused_, images_, unfinishedImages_);
+  EXPECT_GT(killedInCall_, 0);
   EXPECT_GT(accepted_, 0);
   EXPECT_GT(refused_, 0);
 }

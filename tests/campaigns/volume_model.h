@@ -6,12 +6,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "kqimageapi.h"
+#include "tests/campaigns/dice.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/image_cipher.h"
 #include "tests/support/temp_dir.h"
@@ -21,39 +20,18 @@ namespace kqtest {
 constexpr std::uint32_t kVolumeBytes = 3 << 19;
 constexpr char kVolumePassword[] = "a password";
 
-// Random numbers, and data of all kinds that volumes hold.
-class Dice {
- public:
-  explicit Dice(std::uint64_t seed) : random_(seed) {}
-
-  std::uint32_t Below(std::uint64_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
-
-  void Fill(std::uint8_t* data, std::size_t size) {
-    switch (Below(4)) {
-      case 0:
-        std::memset(data, 0, size);
-        break;
-      case 1:
-        for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<std::uint8_t>(i % 23 + size);
-        break;
-      default:
-        for (std::size_t i = 0; i < size; i += 8) {
-          const std::uint64_t word = random_();
-          std::memcpy(data + i, &word, std::min<std::size_t>(8, size - i));
-        }
-    }
-  }
-
- private:
-  std::mt19937_64 random_;
-};
-
 // What the images of a chain have in common.
 struct ChainKind {
   std::uint32_t sectorSize = 512;
   std::uint32_t laterSectors = 0;
   std::uint32_t compressionType = 0;
   std::uint32_t encryptionType = 0;
+};
+
+// A part of the volume, in bytes.
+struct Stretch {
+  std::size_t offset = 0;
+  std::uint32_t size = 0;
 };
 
 // Images that the writer makes of random stretches. Bytes that none holds are zero.
@@ -91,31 +69,46 @@ class ModelChain {
   void Add(std::string path) { files_.push_back(std::move(path)); }
   void Set(std::size_t offset, const Bytes& data) { SetBytes(&volume_, offset, data); }
 
- private:
-  void AddWrittenImage() {
-    const Bytes headerTemplate = Template();
-    const std::string path = NewPath();
-    std::uint64_t image = 0;
-    ASSERT_EQ(KQNewImageFileCreate2(
-                  headerTemplate.data(), static_cast<std::uint32_t>(headerTemplate.size()),
-                  kVolumePassword, path.c_str(), nullptr, nullptr, nullptr, nullptr, &image)
-                  .status,
-              0);
+  // New content in random stretches, as the next image can hold them: rising, with gaps.
+  std::vector<Stretch> Change() {
+    std::vector<Stretch> stretches;
     const std::uint32_t sectors = kVolumeBytes / kind_.sectorSize;
     std::uint32_t sector = dice_->Below(50);
     while (sector < sectors) {
       const std::uint32_t count =
           std::min(1 + dice_->Below(files_.empty() ? 400 : 8), sectors - sector);
-      const std::size_t offset = std::size_t{sector} * kind_.sectorSize;
-      const std::size_t size = std::size_t{count} * kind_.sectorSize;
-      dice_->Fill(volume_.data() + offset, size);
-      ASSERT_EQ(KQNewImageFileWrite(image, volume_.data() + offset,
-                                    static_cast<std::uint32_t>(size), offset)
-                    .status,
-                0);
+      const Stretch stretch = {std::size_t{sector} * kind_.sectorSize, count * kind_.sectorSize};
+      dice_->Fill(volume_.data() + stretch.offset, stretch.size);
+      stretches.push_back(stretch);
       sector += count + dice_->Below(files_.empty() ? 60 : 500);
     }
-    ASSERT_EQ(KQNewImageFileClose(image, nullptr).status, 0);
+    return stretches;
+  }
+
+  // Makes an image of stretches of the volume; false if a step fails.
+  bool WriteImage(const std::string& path, const std::vector<Stretch>& stretches) const {
+    const Bytes headerTemplate = Template();
+    std::uint64_t image = 0;
+    if (KQNewImageFileCreate2(headerTemplate.data(),
+                              static_cast<std::uint32_t>(headerTemplate.size()), kVolumePassword,
+                              path.c_str(), nullptr, nullptr, nullptr, nullptr, &image)
+            .status != 0) {
+      return false;
+    }
+    for (const Stretch& stretch : stretches) {
+      if (KQNewImageFileWrite(image, volume_.data() + stretch.offset, stretch.size, stretch.offset)
+              .status != 0) {
+        return false;
+      }
+    }
+    return KQNewImageFileClose(image, nullptr).status == 0;
+  }
+
+ private:
+  void AddWrittenImage() {
+    const std::string path = NewPath();
+    const std::vector<Stretch> stretches = Change();
+    ASSERT_TRUE(WriteImage(path, stretches));
     files_.push_back(path);
   }
 
