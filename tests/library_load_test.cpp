@@ -2,7 +2,6 @@
 // Each test loads a copy of its own from a temporary folder, so that the folder can hold a
 // configuration.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,34 +11,12 @@
 
 #include "kqimageapi.h"
 #include "kqimageformat.h"
+#include "tests/support/loaded_library.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-class LoadedLibrary {
- public:
-  explicit LoadedLibrary(const std::string& folder) {
-    const std::string copy = folder + "/libkqimageapi.so.6";
-    std::filesystem::copy_file(KQ_LIBRARY_FILE, copy);
-    library_ = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library_ == nullptr) ADD_FAILURE() << dlerror();
-  }
-  ~LoadedLibrary() {
-    if (library_ != nullptr) dlclose(library_);
-  }
-  LoadedLibrary(const LoadedLibrary&) = delete;
-  LoadedLibrary& operator=(const LoadedLibrary&) = delete;
-
-  template <class Function>
-  Function* Find(const char* name, Function*) const {
-    return reinterpret_cast<Function*>(dlsym(library_, name));
-  }
-
- private:
-  void* library_ = nullptr;
-};
-
-#define KQ_FIND(library, function) ((library).Find(#function, &(function)))
+using kqtest::LoadedLibrary;
 
 // A base image of type 5 with three chunks' worth of data.
 std::vector<std::uint8_t> WriteImage(const std::string& path) {
@@ -87,7 +64,7 @@ TEST(LibraryLoad, WithoutConfigurationFileNothingIsPrinted) {
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();
   {
-    const LoadedLibrary library(folder.Path());
+    const LoadedLibrary library(KQ_LIBRARY_FILE, folder.Path());
     OpenReadClose(library, path, volume);
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -101,7 +78,7 @@ TEST(LibraryLoad, CacheLimitsOfOneByteStillReadEveryByte) {
   const std::string text = "ChunkCache_MaxCachedBytes = 1\nChunkHeaderCache_MaxCachedBytes = 1\n";
   kqtest::WriteFile(folder.Path("kqimageapi.conf"),
                     {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-  const LoadedLibrary library(folder.Path());
+  const LoadedLibrary library(KQ_LIBRARY_FILE, folder.Path());
   OpenReadClose(library, path, volume);
 }
 
@@ -111,7 +88,7 @@ TEST(LibraryLoad, UnreadableConfigurationMeansDefaultsInSilence) {
   const std::vector<std::uint8_t> volume = WriteImage(path);
   std::filesystem::create_directory(folder.Path("kqimageapi.conf"));
   testing::internal::CaptureStderr();
-  const LoadedLibrary library(folder.Path());
+  const LoadedLibrary library(KQ_LIBRARY_FILE, folder.Path());
   OpenReadClose(library, path, volume);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }

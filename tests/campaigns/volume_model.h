@@ -56,9 +56,12 @@ class ModelChain {
 
   // A base and increments upon it, of a new kind.
   void Restart(std::size_t files) {
-    static constexpr std::uint32_t kSectorSizes[] = {512, 512, 1024, 4096};
     static constexpr std::uint32_t kCompressionTypes[] = {0, 5, 6};
-    kind_ = {kSectorSizes[dice_->Below(4)], dice_->Below(3), kCompressionTypes[dice_->Below(3)],
+    Restart(files, kCompressionTypes[dice_->Below(3)]);
+  }
+  void Restart(std::size_t files, std::uint32_t compressionType) {
+    static constexpr std::uint32_t kSectorSizes[] = {512, 512, 1024, 4096};
+    kind_ = {kSectorSizes[dice_->Below(4)], dice_->Below(3), compressionType,
              dice_->Below(2) == 0 ? 0 : 1 + dice_->Below(4)};
     files_.clear();
     volume_.assign(kVolumeBytes, 0);
@@ -104,14 +107,14 @@ class ModelChain {
     return KQNewImageFileClose(image, nullptr).status == 0;
   }
 
- private:
-  void AddWrittenImage() {
-    const std::string path = NewPath();
+  void AddWrittenImage(const char* extension = "") {
+    const std::string path = NewPath() + extension;
     const std::vector<Stretch> stretches = Change();
     ASSERT_TRUE(WriteImage(path, stretches));
     files_.push_back(path);
   }
 
+ private:
   // The newest file's header, or one that makes a base.
   Bytes Template() const {
     if (!files_.empty()) {
