@@ -22,7 +22,7 @@
 
 namespace kqimage {
 
-inline constexpr std::size_t kPieceBytes = std::size_t{4} << 20;
+inline constexpr std::size_t kPieceBytes = std::size_t{2} << 20;
 
 // A stretch of the volume.
 struct Piece {
