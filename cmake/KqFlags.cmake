@@ -49,6 +49,13 @@ elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
 
+option(KQ_COVERAGE "Count what runs of the library's lines and branches; for scripts/coverage" OFF)
+if(KQ_COVERAGE)
+  # Of the library alone: its targets are compiled with this.
+  set(KQ_COVERAGE_OPTIONS --coverage -fprofile-update=prefer-atomic)
+  add_link_options(--coverage)
+endif()
+
 add_link_options(LINKER:-z,relro LINKER:-z,now)
 
 # What test sources are compiled with beyond the rest: they are many and run briefly, so compiling them

@@ -7,7 +7,7 @@ set_target_properties(kqimageapi PROPERTIES
   LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/kqimageapi.map)
 target_include_directories(kqimageapi PRIVATE ${PROJECT_SOURCE_DIR}
   PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-target_compile_options(kqimageapi PRIVATE -fno-exceptions)
+target_compile_options(kqimageapi PRIVATE -fno-exceptions ${KQ_COVERAGE_OPTIONS})
 target_link_libraries(kqimageapi PRIVATE
   $<LINK_LIBRARY:WHOLE_ARCHIVE,kq_enumeration,kq_sparse,kq_image,kq_header,kq_crypto,kq_codec,kq_foundation>
   PkgConfig::UUID)

@@ -17,6 +17,7 @@ function(kq_room name)
   add_library(kq_${name} STATIC ${sources})
   target_include_directories(kq_${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
   target_link_libraries(kq_${name} PUBLIC ${ROOM_DEPENDS})
+  target_compile_options(kq_${name} PRIVATE ${KQ_COVERAGE_OPTIONS})
   if(NOT name STREQUAL "enumeration")
     # Failures travel as status records; only the enumeration knows exceptions.
     target_compile_options(kq_${name} PRIVATE -fno-exceptions)
