@@ -56,7 +56,7 @@ void ClientTest::PutText(const std::string& name, const std::string& text) const
 std::set<std::string> ClientTest::Names() const {
   std::set<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(folder_.Path())) {
-    names.insert(entry.path().filename().string());
+    if (entry.path().extension() != ".sha256") names.insert(entry.path().filename().string());
   }
   return names;
 }

@@ -52,7 +52,7 @@ class ClientTest : public testing::Test {
 
   void PutText(const std::string& name, const std::string& text) const;
 
-  // The names in the folder.
+  // The names in the folder, but for the .sha256 files of images, which sha256_test.cpp looks at.
   std::set<std::string> Names() const;
 
   // Run the command, expect success and silence on standard error.

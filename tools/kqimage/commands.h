@@ -18,6 +18,7 @@ void AddListCommand(CLI::App& app, Run& run);
 void AddChainCommand(CLI::App& app, Run& run);
 void AddRepairCommand(CLI::App& app, Run& run);
 void AddVerifyCommand(CLI::App& app, Run& run);
+void AddCompareCommand(CLI::App& app, Run& run);
 void AddMountCommand(CLI::App& app, Run& run);
 void AddCommitCommand(CLI::App& app, Run& run);
 

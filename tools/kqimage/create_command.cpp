@@ -12,11 +12,11 @@
 #include "kqimage/commands.h"
 #include "kqimage/failure.h"
 #include "kqimage/file_identity.h"
+#include "kqimage/image_commit.h"
 #include "kqimage/image_options.h"
 #include "kqimage/image_writer.h"
 #include "kqimage/interrupt.h"
 #include "kqimage/next_name.h"
-#include "kqimage/output_file.h"
 #include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/text.h"
@@ -149,20 +149,16 @@ void Create(const CreateOptions& options) {
     ObtainPassword(options.password, "the new image " + options.image, Asking::kTwice, password);
   }
   AddHeaderSectors(header, OriginSectors(origin, header.sectorSize), password.CString());
-  OutputFile output(
-      options.image,
-      options.common.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
-      OutputFile::Growth::kUnderFinalName);
+  ImageOutput output(options.image, options.common);
   ImageWriter writer(output.WritePath(), options.image, header, source.Size(), password.CString());
   double seconds = 0;
   {
     Progress progress("Imaging", source.Size(), options.common.quiet);
     StoreVolume(source, writer, progress);
     writer.Finish(options.common.comment, {});
-    ThrowIfInterrupted();
-    output.Commit();
     seconds = progress.SecondsSoFar();
   }
+  output.Commit();
   if (options.common.quiet) return;
   fmt::print("{}: full image of {}, {} of {} stored in {}, {:.1f} s\n", Printable(options.image),
              SourceName(options.source), SizeText(writer.StoredBytes()), SizeText(source.Size()),

@@ -66,6 +66,9 @@ void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string
       ->type_name("TYPE");
   AddCommentOption(command, options.comment);
   command.add_flag("--force", options.force, "Replace a file that has the new image's name");
+  command.add_flag("!--no-sha256", options.withSum,
+                   "Write no NAME.sha256 beside the image, the line that sha256sum -c reads and "
+                   "verify compares the file with");
   AddQuietOption(command, options.quiet);
 }
 

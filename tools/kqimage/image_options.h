@@ -13,10 +13,12 @@ struct ImageOptions {
   std::optional<std::uint32_t> compression;
   std::string comment;
   bool force = false;
+  bool withSum = true;  // write NAME.sha256 beside the image
   bool quiet = false;
 };
 
-// Adds --compress, --comment, --force and --quiet. defaultText tells what holds without --compress.
+// Adds --compress, --comment, --force, --no-sha256 and --quiet. defaultText tells what holds
+// without --compress.
 void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string& defaultText);
 
 void AddCommentOption(CLI::App& command, std::string& comment);

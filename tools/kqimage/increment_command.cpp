@@ -14,11 +14,11 @@
 #include "kqimage/commands.h"
 #include "kqimage/failure.h"
 #include "kqimage/file_identity.h"
+#include "kqimage/image_commit.h"
 #include "kqimage/image_options.h"
 #include "kqimage/image_writer.h"
 #include "kqimage/interrupt.h"
 #include "kqimage/next_name.h"
-#include "kqimage/output_file.h"
 #include "kqimage/password_options.h"
 #include "kqimage/progress.h"
 #include "kqimage/search_option.h"
@@ -145,9 +145,7 @@ void Increment(const IncrementOptions& options) {
   ObtainChainPassword(options.password, chain, password);
   const ChainReader reader(chain, password.CString());
 
-  OutputFile output(
-      out, options.common.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
-      OutputFile::Growth::kUnderFinalName);
+  ImageOutput output(out, options.common);
   ImageWriter writer(output.WritePath(), out, header, source.Size(), password.CString());
   double seconds = 0;
   {
@@ -156,13 +154,10 @@ void Increment(const IncrementOptions& options) {
     if (writer.StoredBytes() == 0 && source.Size() != reader.VolumeSize()) {
       StoreUnchangedBlock(reader, source.Size(), writer);
     }
-    if (writer.StoredBytes() > 0) {
-      writer.Finish(options.common.comment, chain);
-      ThrowIfInterrupted();
-      output.Commit();
-    }
+    if (writer.StoredBytes() > 0) writer.Finish(options.common.comment, chain);
     seconds = progress.SecondsSoFar();
   }
+  if (writer.StoredBytes() > 0) output.Commit();
   if (options.common.quiet) return;
   if (reader.TakesAnyPassword()) PrintPasswordDoubt();
   PrintReadingDoubt(header, out);

@@ -89,6 +89,7 @@ int main(int argc, char** argv) try {
   kqimage::AddChainCommand(app, run);
   kqimage::AddRepairCommand(app, run);
   kqimage::AddVerifyCommand(app, run);
+  kqimage::AddCompareCommand(app, run);
   kqimage::AddMountCommand(app, run);
   kqimage::AddCommitCommand(app, run);
 

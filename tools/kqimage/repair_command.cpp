@@ -4,13 +4,16 @@
 #include <kqimageformat.h>
 
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "kqimage/commands.h"
 #include "kqimage/failure.h"
 #include "kqimage/image_file.h"
+#include "kqimage/interrupt.h"
 #include "kqimage/password_options.h"
+#include "kqimage/sha256_file.h"
 #include "kqimage/text.h"
 
 namespace kqimage {
@@ -98,6 +101,9 @@ void Repair(const RepairOptions& options) {
   Password password;
   ObtainRepairPassword(options, file, password);
   const std::uint64_t wanted = kWrongGeneration | (options.forgetGpt ? kGptPresent : 0);
+  const auto ignore = [](std::uint64_t) { ThrowIfInterrupted(); };
+  std::optional<MendedSum> sum;
+  if (!options.check) sum.emplace(options.file, ignore);
   bool isDefect = false;
   for (const HeaderIssueReport& report :
        FixHeader(options.file, password.CString(), wanted, options.check)) {
@@ -105,6 +111,7 @@ void Repair(const RepairOptions& options) {
                ResultText(report, options.check));
     if (options.check && report.present != 0 && report.issueId != kGptPresent) isDefect = true;
   }
+  if (sum) sum->Complete([](std::uint64_t) {});
   if (isDefect) {
     throw Failure(
         fmt::format("{} has a defect that kqimage repair mends", Printable(options.file)));

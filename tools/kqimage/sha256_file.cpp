@@ -170,4 +170,21 @@ void CommitWithSum(OutputFile& image, const std::string& path, OutputFile::Exist
   if (sum) sum->Commit();
 }
 
+MendedSum::MendedSum(const std::string& path, const HashProgress& progress) : path_(path) {
+  const StoredSum sum = ReadStoredSum(path);
+  if (!sum.digest) return;
+  const std::string line = SumLine(*sum.digest, NameOf(path));
+  wasGood_ = std::filesystem::file_size(SumPath(path)) == line.size() &&
+             Sha256OfFile(path, progress) == *sum.digest;
+}
+
+void MendedSum::Complete(const HashProgress& progress) const {
+  if (!wasGood_) return;
+  const std::string digest = Sha256OfFile(path_, progress);
+  OutputFile sum(SumPath(path_), OutputFile::Existing::kReplace,
+                 OutputFile::Growth::kUnderPartialName);
+  WriteText(sum.WritePath(), SumLine(digest, NameOf(path_)));
+  sum.Commit();
+}
+
 }  // namespace kqimage

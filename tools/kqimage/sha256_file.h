@@ -44,6 +44,18 @@ void RefuseExistingSum(const std::string& path, OutputFile::Existing existing);
 void CommitWithSum(OutputFile& image, const std::string& path, OutputFile::Existing existing,
                    bool isWanted, const HashProgress& progress);
 
+// Keeps the .sha256 of an image true while its header is mended: made before, completed after. A
+// sum that is not there, tells of other files too or was wrong before is left as it is.
+class MendedSum {
+ public:
+  MendedSum(const std::string& path, const HashProgress& progress);
+  void Complete(const HashProgress& progress) const;
+
+ private:
+  std::string path_;
+  bool wasGood_ = false;
+};
+
 }  // namespace kqimage
 
 #endif
