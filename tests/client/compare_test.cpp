@@ -1,0 +1,120 @@
+// kqimage compare: chains and volumes in all pairings.
+
+#include <nlohmann/json.hpp>
+
+#include "tests/client/client_fixture.h"
+#include "tests/support/image_builder.h"
+
+namespace kqtest {
+namespace {
+
+using Json = nlohmann::json;
+
+class CompareTest : public ClientTest {
+ protected:
+  int Compare(const std::vector<std::string>& arguments) const {
+    const ClientResult result = RunClient(Joined({"compare"}, arguments));
+    EXPECT_EQ(result.err, "");
+    return result.exitStatus;
+  }
+
+  Json CompareJson(const std::vector<std::string>& arguments) const {
+    return Json::parse(RunClient(Joined({"compare", "--json"}, arguments)).out);
+  }
+};
+
+TEST_F(CompareTest, AllPairingsOfChainsAndVolumesAgree) {
+  const Volume before = MakeVolume(5000001, 1);
+  Volume after = before;
+  after[10] ^= 1;
+  after[11] ^= 1;
+  after[4500000] ^= 1;
+  Put("before", before);
+  Put("after", after);
+  Create(Path("before"), Path("a.twf"));
+  Create(Path("before"), Path("other.twf"), {"--compress", "lzo-huffman", "--sector-size", "4096"});
+  Increment(Path("after"), Path("a.twf"), Path("b.twi"));
+  const std::vector<std::vector<std::string>> sides = {{"before", "a.twf", "other.twf"},
+                                                       {"after", "b.twi"}};
+  for (std::size_t i = 0; i < 2; ++i) {
+    for (std::size_t k = 0; k < 2; ++k) {
+      for (const std::string& a : sides[i]) {
+        for (const std::string& b : sides[k]) {
+          EXPECT_EQ(Compare({Path(a), Path(b)}), i == k ? 0 : 3) << a << " " << b;
+        }
+      }
+    }
+  }
+  const Json json = CompareJson({Path("a.twf"), Path("b.twi")});
+  EXPECT_EQ(json["isSame"], false);
+  EXPECT_EQ(json["differentBytes"], 3);
+  EXPECT_EQ(json["different"], Json::parse(R"([{"offset": 10, "length": 2},
+                                               {"offset": 4500000, "length": 1}])"));
+  EXPECT_EQ(json["sizes"], (Json{5000001, 5000001}));
+}
+
+TEST_F(CompareTest, VolumesOfDifferentSizesAreDifferent) {
+  Volume volume = MakeVolume(300000, 2);
+  Put("long", volume);
+  volume.resize(200000);
+  Put("short", volume);
+  Create(Path("long"), Path("a.twf"));
+  const Json json = CompareJson({Path("a.twf"), Path("short")});
+  EXPECT_EQ(json["isSame"], false);
+  EXPECT_EQ(json["sizes"], (Json{300000, 200000}));
+  EXPECT_EQ(json["differentBytes"], 0);
+  EXPECT_EQ(Compare({Path("short"), Path("a.twf")}), 3);
+}
+
+// A damaged chunk reads as zeros; a volume that has zeros there is not the same for that.
+TEST_F(CompareTest, WhatAnImageHasLostCantBeTold) {
+  ImageSpec spec;
+  spec.header.sourceSize = 64 * 512;
+  spec.header.compressionType = 5;
+  spec.chunks = {StreamChunk({{0, 16}}, LzoFrames(Bytes(16 * 512, 'a'), 0x8000)),
+                 RawChunk({{16 * 512, 8}}, PatternBytes(1, 8 * 512))};
+  ImageLayout layout;
+  Bytes image = BuildImage(spec, &layout);
+  Set32(&image, layout.chunkOffsets[0] + 512 + 4, 0);
+  Put("a.twf", image);
+  Volume volume(64 * 512);
+  SetBytes(&volume, 16 * 512, PatternBytes(1, 8 * 512));
+  Put("volume", volume);
+  EXPECT_EQ(Compare({Path("a.twf"), Path("volume")}), 1);
+  const Json json = CompareJson({Path("volume"), Path("a.twf")});
+  EXPECT_EQ(json["isSame"], nullptr);
+  EXPECT_EQ(json["unknown"], Json::parse(R"([{"offset": 0, "length": 8192}])"));
+  // What stands behind it is compared all the same.
+  volume[16 * 512] ^= 1;
+  volume[0] ^= 1;
+  Put("volume", volume);
+  EXPECT_EQ(Compare({Path("a.twf"), Path("volume")}), 3);
+  EXPECT_EQ(CompareJson({Path("a.twf"), Path("volume")})["different"],
+            Json::parse(R"([{"offset": 8192, "length": 1}])"));
+}
+
+TEST_F(CompareTest, EachSideCanHaveItsOwnPassword) {
+  PutText("key", "one");
+  PutText("other", "two");
+  Put("volume", MakeVolume(200000, 3));
+  Create(Path("volume"), Path("a.twf"), {"--encrypt", "aes256", "--password-file", Path("key")});
+  Create(Path("volume"), Path("b.twf"), {"--encrypt", "aes128", "--password-file", Path("other")});
+  const std::vector<std::string> key = {"--password-file", Path("key")};
+  const std::vector<std::string> other = {"--password-file-b", Path("other")};
+  EXPECT_EQ(Compare(Joined({Path("a.twf"), Path("volume")}, key)), 0);
+  EXPECT_EQ(Compare(Joined({Path("volume"), Path("a.twf")}, key)), 0);
+  EXPECT_EQ(Compare(Joined(Joined({Path("a.twf"), Path("b.twf")}, key), other)), 0);
+  EXPECT_EQ(RunClient(Joined({"compare", Path("a.twf"), Path("b.twf")}, key)).exitStatus, 1);
+  EXPECT_EQ(RunClient({"compare", Path("a.twf"), Path("volume")}).exitStatus, 1);
+}
+
+TEST_F(CompareTest, WhatCantBeReadCantBeTold) {
+  Put("volume", MakeVolume(200000, 3));
+  Create(Path("volume"), Path("a.twf"), {"--compress", "lzw"});
+  EXPECT_EQ(RunClient({"compare", Path("a.twf"), Path("volume")}).exitStatus, 1);
+  EXPECT_EQ(RunClient({"compare", Path("none"), Path("volume")}).exitStatus, 1);
+  EXPECT_EQ(RunClient({"compare", Path("volume")}).exitStatus, 2);
+}
+
+}  // namespace
+}  // namespace kqtest
