@@ -51,8 +51,7 @@ void RefuseOwnInput(const std::string& out, const std::string& sparse, const Cha
 }
 
 std::string OutPath(const CommitOptions& options, const Chain& chain) {
-  const std::string out =
-      options.out.empty() ? NextMountPath(NewestImage(chain).path) : options.out;
+  std::string out = options.out.empty() ? NextMountPath(NewestImage(chain).path) : options.out;
   if (!HasExtension(out, ".twi")) {
     throw UsageFailure(fmt::format("{}: the name of an increment ends in .twi", Printable(out)));
   }

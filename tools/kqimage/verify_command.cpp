@@ -53,6 +53,7 @@ std::vector<std::unique_ptr<DataKey>> OpenKeys(const VerifyOptions& options,
                                                LayoutStore& store) {
   std::vector<std::unique_ptr<DataKey>> keys(store.All().size());
   std::vector<std::string> paths;
+  paths.reserve(files.size());
   for (const std::size_t file : files) paths.push_back(store.At(file).path);
   RefuseSharedInput(options.password, paths);
   Password password;
