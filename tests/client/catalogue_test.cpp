@@ -161,8 +161,8 @@ TEST_F(CatalogueTest, OrphansIncompleteImagesCopiesAndRingsAreMarked) {
 
   const std::string text = Succeed({"list", Path("b")}).out;
   for (const char* remark :
-       {"ORPHAN: its parent 00000063-", "INCOMPLETE: part 3 is missing or does not fit", "2 parts",
-        "copy of ", "ORPHAN: it is its own ancestor"}) {
+       {"ORPHAN: its parent 00000063-", "INCOMPLETE: part number 3 is missing or does not fit",
+        "2 parts", "copy of ", "ORPHAN: it is its own ancestor"}) {
     EXPECT_NE(text.find(remark), std::string::npos) << remark << "\n" << text;
   }
 }

@@ -20,12 +20,12 @@ std::string FolderOf(const std::string& path) {
   return std::filesystem::path(path).parent_path().string();
 }
 
-// The numbers of the parts as people count them: the first file is part 1.
+// The numbers of the parts as people count them: the first file is number 1.
 std::string Remarks(const ListReport& report, const FamilyMember& member) {
   std::vector<std::string> remarks;
   if (member.isIncomplete) {
-    remarks.push_back(
-        fmt::format("INCOMPLETE: part {} is missing or does not fit", member.parts.size() + 2));
+    remarks.push_back(fmt::format("INCOMPLETE: part number {} is missing or does not fit",
+                                  member.parts.size() + 2));
   } else if (!member.parts.empty()) {
     remarks.push_back(fmt::format("{} parts", member.parts.size() + 1));
   }
