@@ -1,6 +1,7 @@
 // Any bytes as a sparse file, read and written at ranges that the input gives. Reading never
-// changes the file, a range reads the same twice, and a range just written reads as it was written.
-// Where the input brings no file, a new one is held against a flat model, also after a close.
+// changes the file, and a range reads the same twice; what was written into a damaged file need not
+// come back. Where the input brings no file, a new one is held against a flat model, also after a
+// close.
 #include <algorithm>
 #include <vector>
 
@@ -83,7 +84,6 @@ void Write(const kqfuzz::ScratchFolder& folder, const std::vector<Operation>& op
       const KQStatus status =
           KQSparseFileWrite(handle, operation.offset, written.data(), operation.size, &count);
       FUZZ_CHECK(count == (status.status == 0 ? operation.size : 0));
-      // What a damaged tree makes of it need not come back.
     } else {
       Read(handle, operation, 0, &bytes);
     }
