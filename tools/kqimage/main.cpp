@@ -10,9 +10,9 @@
 #include <exception>
 #include <new>
 
-#include "kqimage/commands.h"
-#include "kqimage/failure.h"
-#include "kqimage/interrupt.h"
+#include "kqimage/commands/commands.h"
+#include "kqimage/terminal/failure.h"
+#include "kqimage/terminal/interrupt.h"
 
 namespace {
 

@@ -1,0 +1,30 @@
+// The options that the commands which make images share.
+#ifndef KQIMAGE_COMMANDS_IMAGE_OPTIONS_H
+#define KQIMAGE_COMMANDS_IMAGE_OPTIONS_H
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kqimage {
+
+struct ImageOptions {
+  std::optional<std::uint32_t> compression;
+  std::string comment;
+  bool force = false;
+  bool withSum = true;  // write NAME.sha256 beside the image
+  bool quiet = false;
+};
+
+// Adds --compress, --comment, --force, --no-sha256 and --quiet. defaultText tells what holds
+// without --compress.
+void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string& defaultText);
+
+void AddCommentOption(CLI::App& command, std::string& comment);
+
+void AddQuietOption(CLI::App& command, bool& quiet);
+
+}  // namespace kqimage
+
+#endif

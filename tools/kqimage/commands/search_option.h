@@ -1,0 +1,16 @@
+// The option --search of the commands that look for the files an image builds on.
+#ifndef KQIMAGE_COMMANDS_SEARCH_OPTION_H
+#define KQIMAGE_COMMANDS_SEARCH_OPTION_H
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+namespace kqimage {
+
+// Folders go to the list in the order of the command line.
+CLI::Option* AddSearchOption(CLI::App& command, std::vector<std::string>& folders);
+
+}  // namespace kqimage
+
+#endif

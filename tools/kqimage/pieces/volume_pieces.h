@@ -1,0 +1,20 @@
+// The pieces of a volume that some function reads, on the same grid as VolumeSource's.
+#ifndef KQIMAGE_PIECES_VOLUME_PIECES_H
+#define KQIMAGE_PIECES_VOLUME_PIECES_H
+
+#include <cstdint>
+#include <functional>
+#include <span>
+
+#include "kqimage/pieces/read_ahead.h"
+
+namespace kqimage {
+
+using ReadVolume = std::function<void(std::uint64_t offset, std::span<std::byte> bytes)>;
+
+// A producer of all pieces from 0 to size.
+ReadAhead::Producer VolumePieces(std::uint64_t size, ReadVolume read);
+
+}  // namespace kqimage
+
+#endif

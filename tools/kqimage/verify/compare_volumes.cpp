@@ -1,0 +1,153 @@
+#include "kqimage/verify/compare_volumes.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <kqimageformat.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+
+#include "kqimage/image/chain_finder.h"
+#include "kqimage/pieces/read_ahead.h"
+#include "kqimage/pieces/volume_pieces.h"
+#include "kqimage/system/next_name.h"
+#include "kqimage/system/read_at.h"
+#include "kqimage/system/unique_fd.h"
+#include "kqimage/terminal/failure.h"
+#include "kqimage/terminal/text.h"
+#include "kqimage/verify/verify_losses.h"
+
+namespace kqimage {
+namespace {
+
+bool IsImage(const std::string& path) {
+  if (HasExtension(path, ".twf") || HasExtension(path, ".twi")) return true;
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  char magic[sizeof ImageHeader::Magic] = {};
+  return fd && pread(fd.Get(), magic, sizeof magic, 0) == sizeof magic &&
+         std::memcmp(magic, KQ_MAGIC_FINISHED, sizeof magic) == 0;
+}
+
+// What the chain has lost, as its newest image reads.
+std::vector<VolumeRange> LostOf(const Chain& files, const char* password,
+                                const std::function<void()>& interrupt) {
+  LayoutStore store;
+  VerifiedChain chain;
+  std::vector<std::unique_ptr<DataKey>> keys;
+  for (const ImageFile& file : files) {
+    chain.files.push_back(store.Get(file.path));
+    const ImageLayout& layout = store.At(chain.files.back());
+    const bool isPlain = layout.header.EncryptionType == KQ_ENCRYPTION_NONE;
+    keys.push_back(isPlain || !layout.Opens() ? nullptr : DataKey::Open(layout, password));
+  }
+  std::vector<FileTask> tasks;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    tasks.push_back({.layout = &store.At(chain.files[i]), .key = keys[i].get()});
+  }
+  const std::vector<FileFindings> findings =
+      VerifyFiles(tasks, {.sample = {}, .withSums = false}, [&](std::uint64_t) { interrupt(); });
+  const ImageLoss newest = ComputeLosses(chain, store, findings, interrupt).back();
+  if (newest.opens) return newest.lost;
+  throw Failure(
+      fmt::format("{} is damaged: kqimage verify tells more", Printable(files.back().path)));
+}
+
+void AddDifferences(std::uint64_t offset, std::span<const std::byte> a,
+                    std::span<const std::byte> b, RangeSet& different) {
+  // Blocks that are the same are passed over fast.
+  constexpr std::size_t kBlock = 4096;
+  for (std::size_t at = 0; at < a.size(); at += kBlock) {
+    const std::size_t end = std::min(a.size(), at + kBlock);
+    if (std::memcmp(a.data() + at, b.data() + at, end - at) == 0) continue;
+    for (std::size_t i = at; i < end;) {
+      if (a[i] == b[i]) {
+        ++i;
+        continue;
+      }
+      const std::size_t begin = i;
+      while (i < end && a[i] != b[i]) ++i;
+      different.Add({offset + begin, i - begin});
+    }
+  }
+}
+
+// Fills bytes, with zeros for what is lost: two sides then don't differ there by chance alone, and
+// the caller takes the ranges out.
+void ReadAround(const ComparedSide& side, const std::vector<VolumeRange>& lost,
+                std::uint64_t offset, std::span<std::byte> bytes) {
+  std::fill(bytes.begin(), bytes.end(), std::byte{0});
+  const std::uint64_t end = offset + bytes.size();
+  const auto read = [&](std::uint64_t from, std::uint64_t to) {
+    if (from >= to) return;
+    side.Read(from, bytes.subspan(static_cast<std::size_t>(from - offset),
+                                  static_cast<std::size_t>(to - from)));
+  };
+  auto next = std::upper_bound(
+      lost.begin(), lost.end(), offset,
+      [](std::uint64_t at, const VolumeRange& range) { return at < range.offset + range.length; });
+  std::uint64_t at = offset;
+  for (; next != lost.end() && next->offset < end; ++next) {
+    read(at, next->offset);
+    at = next->offset + next->length;
+  }
+  read(at, end);
+}
+
+}  // namespace
+
+ComparedSide::ComparedSide(const std::string& path, const std::vector<std::string>& folders)
+    : path_(path) {
+  if (IsImage(path)) {
+    chain_ = FindChain(path, folders);
+    RefuseUnreadable(chain_);
+  } else {
+    source_.emplace(path);
+  }
+}
+
+void ComparedSide::Open(const char* password, const std::function<void()>& interrupt) {
+  if (!IsChain()) return;
+  reader_.emplace(chain_, password);
+  lost_ = LostOf(chain_, password, interrupt);
+}
+
+std::uint64_t ComparedSide::Size() const {
+  return reader_ ? reader_->VolumeSize() : source_->Size();
+}
+
+void ComparedSide::Read(std::uint64_t offset, std::span<std::byte> bytes) const {
+  if (reader_) return reader_->Read(offset, bytes);
+  if (ReadAt(source_->Fd(), source_->Start() + offset, bytes, path_) != bytes.size()) {
+    throw Failure(fmt::format("{} became shorter while it was read", Printable(path_)));
+  }
+}
+
+Comparison Compare(const ComparedSide& a, const ComparedSide& b,
+                   const std::function<void(std::uint64_t)>& progress) {
+  Comparison result;
+  result.sizes[0] = a.Size();
+  result.sizes[1] = b.Size();
+  const std::uint64_t common = std::min(a.Size(), b.Size());
+  for (const ComparedSide* side : {&a, &b}) {
+    for (const VolumeRange& range : side->Lost()) result.unknown.Add(range);
+  }
+  result.unknown.CutAt(common);
+  const std::vector<VolumeRange> unknown = result.unknown.Ranges();
+  const auto reader = [&unknown](const ComparedSide& side) {
+    return [&side, &unknown](std::uint64_t offset, std::span<std::byte> bytes) {
+      ReadAround(side, unknown, offset, bytes);
+    };
+  };
+  ReadAhead piecesOfA(VolumePieces(common, reader(a)));
+  ReadAhead piecesOfB(VolumePieces(common, reader(b)));
+  while (const Piece* pieceOfA = piecesOfA.Next()) {
+    const Piece* pieceOfB = piecesOfB.Next();
+    progress(pieceOfA->offset);
+    AddDifferences(pieceOfA->offset, pieceOfA->Bytes(), pieceOfB->Bytes(), result.different);
+  }
+  return result;
+}
+
+}  // namespace kqimage

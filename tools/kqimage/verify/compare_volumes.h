@@ -1,0 +1,70 @@
+// The two sides of a comparison: a chain of images, or a volume as it lies on a device or in a
+// file.
+//
+// A chain hides damage as zeros, so it is verified first, and what is lost of it is left out of the
+// comparison instead of being taken for data.
+#ifndef KQIMAGE_VERIFY_COMPARE_VOLUMES_H
+#define KQIMAGE_VERIFY_COMPARE_VOLUMES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kqimage/image/chain_reader.h"
+#include "kqimage/password/password_options.h"
+#include "kqimage/verify/range_set.h"
+#include "kqimage/volume/volume_source.h"
+
+namespace kqimage {
+
+class ComparedSide {
+ public:
+  // An image if its name ends as one, or the file begins as one; else a volume. Throws a Failure if
+  // it can't be opened, read back, or named in full.
+  ComparedSide(const std::string& path, const std::vector<std::string>& folders);
+
+  const std::string& Path() const { return path_; }
+  bool IsChain() const { return !chain_.empty(); }
+  const Chain& Files() const { return chain_; }
+
+  // Opens a chain whose password, if it needs one, is this; to be called before what follows.
+  void Open(const char* password, const std::function<void()>& interrupt);
+
+  std::uint64_t Size() const;
+
+  // What can't be read, in order.
+  const std::vector<VolumeRange>& Lost() const { return lost_; }
+
+  // Fills bytes from the offset, none of which is lost.
+  void Read(std::uint64_t offset, std::span<std::byte> bytes) const;
+
+  // True if a wrong password would not have been noticed.
+  bool TakesAnyPassword() const { return reader_ && reader_->TakesAnyPassword(); }
+
+ private:
+  std::string path_;
+  Chain chain_;
+  std::optional<VolumeSource> source_;
+  std::optional<ChainReader> reader_;
+  std::vector<VolumeRange> lost_;
+};
+
+struct Comparison {
+  std::uint64_t sizes[2] = {};
+  RangeSet different;  // of the bytes that both have
+  RangeSet unknown;    // lost on one side
+  bool IsSame() const { return sizes[0] == sizes[1] && different.IsEmpty() && unknown.IsEmpty(); }
+  bool IsDifferent() const { return sizes[0] != sizes[1] || !different.IsEmpty(); }
+};
+
+// Byte by byte. Progress is called with the bytes that are done; what it throws ends the work.
+Comparison Compare(const ComparedSide& a, const ComparedSide& b,
+                   const std::function<void(std::uint64_t)>& progress);
+
+}  // namespace kqimage
+
+#endif
