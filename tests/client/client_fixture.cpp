@@ -1,6 +1,7 @@
 #include "tests/client/client_fixture.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 
@@ -59,6 +60,12 @@ std::set<std::string> ClientTest::Names() const {
     if (entry.path().extension() != ".sha256") names.insert(entry.path().filename().string());
   }
   return names;
+}
+
+bool ClientTest::HasTrueSum(const std::string& image) const {
+  const std::string command =
+      "cd '" + folder_.Path() + "' && sha256sum --strict --status -c '" + image + ".sha256'";
+  return std::system(command.c_str()) == 0;
 }
 
 void ClientTest::Create(const std::string& source, const std::string& image,

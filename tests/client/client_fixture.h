@@ -55,6 +55,9 @@ class ClientTest : public testing::Test {
   // The names in the folder, but for the .sha256 files of images, which sha256_test.cpp looks at.
   std::set<std::string> Names() const;
 
+  // Whether NAME.sha256 is there, and sha256sum finds that it tells the truth.
+  bool HasTrueSum(const std::string& image) const;
+
   // Run the command, expect success and silence on standard error.
   void Create(const std::string& source, const std::string& image,
               const std::vector<std::string>& options = {}) const;

@@ -103,10 +103,21 @@ TEST_F(MountTest, ChangesBecomeAnIncrementAtTheUnmount) {
       << result.out;
   EXPECT_EQ(Names(), kWithImage);
   EXPECT_EQ(Restore({Path("a-m001.twi")}), volume_);
+  EXPECT_TRUE(HasTrueSum("a-m001.twi"));
   EXPECT_EQ(ReadFile(Path("a.twf")), image);
   EXPECT_LT(std::filesystem::file_size(Path("a-m001.twi")), 500'000u) << "more than what changed";
   const auto info = nlohmann::json::parse(RunClient({"info", "--json", Path("a-m001.twi")}).out);
   EXPECT_EQ(info["comment"], "mended");
+}
+
+TEST_F(MountTest, TheIncrementHasNoSumIfNoneIsWanted) {
+  RunningClient client(MountArguments("a.twf", {"--writable", "--no-sha256"}));
+  ExpectMounted(client);
+  WriteHereAndThere(1);
+  Unmount();
+  EXPECT_EQ(client.Finish().exitStatus, 0);
+  EXPECT_EQ(Names(), kWithImage);
+  EXPECT_FALSE(std::filesystem::exists(Path("a-m001.twi.sha256")));
 }
 
 TEST_F(MountTest, ChangesOfAnIncrementGoOnItsChain) {
@@ -405,6 +416,7 @@ TEST_F(CommitTest, MakesTheIncrementAndLeavesTheSparseFile) {
       {"commit", Path("a-m001.sparse"), "--parent", Path("a.twf"), "--comment", "repaired"});
   EXPECT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(Restore({Path("a-m001.twi")}), volume_);
+  EXPECT_TRUE(HasTrueSum("a-m001.twi"));
   EXPECT_EQ(ReadFile(Path("a-m001.sparse")), sparse);
   const auto info = nlohmann::json::parse(RunClient({"info", "--json", Path("a-m001.twi")}).out);
   EXPECT_EQ(info["comment"], "repaired");
@@ -421,6 +433,20 @@ TEST_F(CommitTest, ANamedImageIsNeverReplacedUnasked) {
   EXPECT_EQ(RunClient({"commit", Path("a-m001.sparse"), "--parent", Path("a.twf"), Path("x.twf")})
                 .exitStatus,
             2);
+}
+
+TEST_F(CommitTest, TheSumOfAnotherFileIsNeverReplacedUnasked) {
+  const Arguments commit = {"commit", Path("a-m001.sparse"), "--parent", Path("a.twf"),
+                            Path("out.twi")};
+  Put("out.twi.sha256", {'x'});
+  const ClientResult refused = RunClient(commit);
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_TRUE(Contains(refused.err, "out.twi.sha256 exists already")) << refused.err;
+  EXPECT_FALSE(std::filesystem::exists(Path("out.twi")));
+  EXPECT_EQ(RunClient(Joined(commit, {"--no-sha256"})).exitStatus, 0);
+  EXPECT_EQ(ReadFile(Path("out.twi.sha256")), Volume{'x'});
+  EXPECT_EQ(RunClient(Joined(commit, {"--force"})).exitStatus, 0);
+  EXPECT_TRUE(HasTrueSum("out.twi"));
 }
 
 TEST_F(CommitTest, AnImageOfAnotherSizeIsNotTakenForTheParent) {

@@ -1,4 +1,4 @@
-// The .sha256 files that create and increment write.
+// The .sha256 files that create and increment write. Those of mount and commit: mount_test.cpp.
 
 #include <csignal>
 #include <cstdlib>

@@ -34,10 +34,8 @@ struct CommitOptions {
   std::string parent;
   std::string out;
   std::vector<std::string> folders;
-  std::string comment;
   PasswordOptions password;
-  bool force = false;
-  bool quiet = false;
+  ImageOptions common;  // but for the compression, which is the parent's
 };
 
 void RefuseOwnInput(const std::string& out, const std::string& sparse, const Chain& chain) {
@@ -64,17 +62,16 @@ void Commit(const CommitOptions& options) {
   RefuseUnreadable(chain);
   RefuseOwnInput(out, options.sparse, chain);
   CheckCommentFits(MakeIncrementTemplate(chain.back(), chain.back().info.compressionType),
-                   options.comment);
+                   options.common.comment);
   const SparseLock lock(options.sparse);
   Password password;
   ObtainChainPassword(options.password, chain, password);
-  const std::uint64_t stored = CommitSparse(
-      {.sparse = options.sparse,
-       .out = out,
-       .existing = options.force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
-       .comment = options.comment},
-      chain, password.CString());
-  if (options.quiet) return;
+  const std::uint64_t stored = CommitSparse({.sparse = options.sparse,
+                                             .out = out,
+                                             .output = options.common.Output(),
+                                             .comment = options.common.comment},
+                                            chain, password.CString());
+  if (options.common.quiet) return;
   if (stored == 0) {
     fmt::print("{} holds nothing: no image made\n", Printable(options.sparse));
     return;
@@ -101,9 +98,10 @@ void AddCommitCommand(CLI::App& app, Run& run) {
       ->type_name("IMAGE");
   AddSearchOption(*command, options->folders);
   AddPasswordOptions(*command, options->password);
-  AddCommentOption(*command, options->comment);
-  command->add_flag("--force", options->force, "Replace a file that has the new image's name");
-  AddQuietOption(*command, options->quiet);
+  AddCommentOption(*command, options->common.comment);
+  AddForceOption(*command, options->common.force);
+  AddNoSumOption(*command, options->common.withSum);
+  AddQuietOption(*command, options->common.quiet);
   command->footer(kExamples);
   command->callback([options, &run] { run = [options] { Commit(*options); }; });
 }

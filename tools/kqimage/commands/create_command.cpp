@@ -9,8 +9,8 @@
 #include <span>
 
 #include "kqimage/commands/commands.h"
-#include "kqimage/commands/image_commit.h"
 #include "kqimage/commands/image_options.h"
+#include "kqimage/image/image_output.h"
 #include "kqimage/image/image_writer.h"
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/block_compare.h"
@@ -149,7 +149,7 @@ void Create(const CreateOptions& options) {
     ObtainPassword(options.password, "the new image " + options.image, Asking::kTwice, password);
   }
   AddHeaderSectors(header, OriginSectors(origin, header.sectorSize), password.CString());
-  ImageOutput output(options.image, options.common);
+  ImageOutput output(options.image, options.common.Output());
   ImageWriter writer(output.WritePath(), options.image, header, source.Size(), password.CString());
   double seconds = 0;
   {

@@ -42,10 +42,26 @@ std::string CheckComment(const std::string& comment) {
 
 }  // namespace
 
+ImageOutputOptions ImageOptions::Output() const {
+  return {.existing = force ? OutputFile::Existing::kReplace : OutputFile::Existing::kRefuse,
+          .withSum = withSum,
+          .quiet = quiet};
+}
+
 void AddCommentOption(CLI::App& command, std::string& comment) {
   command.add_option("--comment", comment, "A text to keep in the image")
       ->check(CheckComment)
       ->type_name("TEXT");
+}
+
+void AddForceOption(CLI::App& command, bool& force) {
+  command.add_flag("--force", force, "Replace a file that has the new image's name");
+}
+
+void AddNoSumOption(CLI::App& command, bool& withSum) {
+  command.add_flag("!--no-sha256", withSum,
+                   "Write no NAME.sha256 beside the image, the line that sha256sum -c reads and "
+                   "verify compares the file with");
 }
 
 void AddQuietOption(CLI::App& command, bool& quiet) {
@@ -65,10 +81,8 @@ void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string
       ->check(CheckCompression)
       ->type_name("TYPE");
   AddCommentOption(command, options.comment);
-  command.add_flag("--force", options.force, "Replace a file that has the new image's name");
-  command.add_flag("!--no-sha256", options.withSum,
-                   "Write no NAME.sha256 beside the image, the line that sha256sum -c reads and "
-                   "verify compares the file with");
+  AddForceOption(command, options.force);
+  AddNoSumOption(command, options.withSum);
   AddQuietOption(command, options.quiet);
 }
 

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "kqimage/image/image_output.h"
+
 namespace kqimage {
 
 struct ImageOptions {
@@ -15,6 +17,8 @@ struct ImageOptions {
   bool force = false;
   bool withSum = true;  // write NAME.sha256 beside the image
   bool quiet = false;
+
+  ImageOutputOptions Output() const;
 };
 
 // Adds --compress, --comment, --force, --no-sha256 and --quiet. defaultText tells what holds
@@ -22,6 +26,10 @@ struct ImageOptions {
 void AddImageOptions(CLI::App& command, ImageOptions& options, const std::string& defaultText);
 
 void AddCommentOption(CLI::App& command, std::string& comment);
+
+void AddForceOption(CLI::App& command, bool& force);
+
+void AddNoSumOption(CLI::App& command, bool& withSum);
 
 void AddQuietOption(CLI::App& command, bool& quiet);
 

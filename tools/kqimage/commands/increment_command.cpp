@@ -9,11 +9,11 @@
 #include <span>
 
 #include "kqimage/commands/commands.h"
-#include "kqimage/commands/image_commit.h"
 #include "kqimage/commands/image_options.h"
 #include "kqimage/commands/search_option.h"
 #include "kqimage/image/chain_finder.h"
 #include "kqimage/image/chain_reader.h"
+#include "kqimage/image/image_output.h"
 #include "kqimage/image/image_writer.h"
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/block_compare.h"
@@ -145,7 +145,7 @@ void Increment(const IncrementOptions& options) {
   ObtainChainPassword(options.password, chain, password);
   const ChainReader reader(chain, password.CString());
 
-  ImageOutput output(out, options.common);
+  ImageOutput output(out, options.common.Output());
   ImageWriter writer(output.WritePath(), out, header, source.Size(), password.CString());
   double seconds = 0;
   {

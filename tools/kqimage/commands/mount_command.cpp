@@ -51,6 +51,7 @@ struct MountOptions {
   std::string sparse;
   OnUnmount onUnmount = OnUnmount::kConvert;
   std::string comment;
+  bool withSum = true;
   PasswordOptions password;
   bool isForAll = false;
   bool isForeground = false;
@@ -120,7 +121,10 @@ class WritableMount {
     std::string out;
     try {
       out = NextMountPath(newest);
-      stored = CommitSparse({.sparse = sparse_.Path(), .out = out, .comment = options_.comment},
+      stored = CommitSparse({.sparse = sparse_.Path(),
+                             .out = out,
+                             .output = {.withSum = options_.withSum, .quiet = true},
+                             .comment = options_.comment},
                             chain_, password);
     } catch (const Interrupted&) {
       throw Failure("interrupted: no image is made" + WhereTheyAre());
@@ -264,6 +268,7 @@ void AddMountCommand(CLI::App& app, Run& run) {
       ->needs(writable)
       ->type_name("ACTION");
   AddCommentOption(*command, options->comment);
+  AddNoSumOption(*command, options->withSum);
   AddPasswordOptions(*command, options->password);
   command->add_flag("--allow-other", options->isForAll, "Let other users read the volume too");
   command->add_flag("--foreground", options->isForeground,

@@ -133,7 +133,7 @@ std::uint64_t EndOfSectors(const ImageFileInfo& info) {
 std::uint64_t CommitSparse(const SparseCommit& commit, const Chain& chain, const char* password) {
   const OpenedSparse sparse(commit.sparse);
   if (sparse.Held() == 0) return 0;
-  OutputFile output(commit.out, commit.existing, OutputFile::Growth::kUnderFinalName);
+  ImageOutput output(commit.out, commit.output);
   Check(KQConvertSparseToIncremental(commit.sparse.c_str(), chain.back().path.c_str(), password,
                                      output.WritePath().c_str(), commit.comment.c_str()),
         "make the image", commit.out);

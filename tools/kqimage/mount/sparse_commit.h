@@ -6,14 +6,14 @@
 #include <string>
 
 #include "kqimage/image/image_file.h"
-#include "kqimage/system/output_file.h"
+#include "kqimage/image/image_output.h"
 
 namespace kqimage {
 
 struct SparseCommit {
   std::string sparse;  // closed, and locked by the caller
   std::string out;
-  OutputFile::Existing existing = OutputFile::Existing::kRefuse;
+  ImageOutputOptions output = {};
   std::string comment;
 };
 

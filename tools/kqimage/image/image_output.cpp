@@ -1,0 +1,34 @@
+#include "kqimage/image/image_output.h"
+
+#include <filesystem>
+
+#include "kqimage/image/sha256_file.h"
+#include "kqimage/terminal/interrupt.h"
+#include "kqimage/terminal/progress.h"
+
+namespace kqimage {
+namespace {
+
+// The sum first: nothing is created where it can't be.
+OutputFile::Existing Checked(const std::string& path, const ImageOutputOptions& options) {
+  if (options.withSum) RefuseExistingSum(path, options.existing);
+  return options.existing;
+}
+
+}  // namespace
+
+ImageOutput::ImageOutput(const std::string& path, const ImageOutputOptions& options)
+    : path_(path),
+      options_(options),
+      file_(path, Checked(path, options), OutputFile::Growth::kUnderFinalName) {}
+
+void ImageOutput::Commit() {
+  ThrowIfInterrupted();
+  Progress progress("Hashing", std::filesystem::file_size(WritePath()), options_.quiet);
+  CommitWithSum(file_, path_, options_.existing, options_.withSum, [&](std::uint64_t done) {
+    ThrowIfInterrupted();
+    progress.Update(done);
+  });
+}
+
+}  // namespace kqimage
