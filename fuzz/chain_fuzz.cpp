@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fuzz/fuzz_input.h"
@@ -71,7 +72,12 @@ ChunkSpec MakeChunk(FuzzInput* input, std::uint32_t sectorSize, std::uint32_t co
   }
   // Without compression a chunk stands there whole.
   if (compression != 0 && form % 4 == 1) return kqtest::ZeroChunk(runs);
-  if (compression == 5 && form % 4 == 2) return kqtest::StreamChunk(runs, kqtest::LzoFrame(data));
+  if (compression == 5 && form % 4 == 2) {
+    Bytes stream = kqtest::LzoFrame(data);
+    // A chunk of as many sectors as its data is read as data.
+    const bool savesSector = sizeof(std::uint32_t) + stream.size() + sectorSize <= data.size();
+    if (savesSector) return kqtest::StreamChunk(runs, std::move(stream));
+  }
   return kqtest::RawChunk(runs, data);
 }
 
