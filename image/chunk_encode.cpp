@@ -73,24 +73,35 @@ Outcome Compress(CodecCall* call, Compressor* compressor) {
   }
 }
 
+void EndRunList(const RunWriter& runs) {
+  if (runs.Cursor >= runs.End) return;
+  *runs.Cursor = kRunListEnd;
+  std::memset(runs.Cursor + 1, 0, static_cast<std::size_t>(runs.End - runs.Cursor - 1));
+}
+
 }  // namespace
 
-KQStatus EncodeChunk(NewImageFile* image, std::uint32_t expandedSectors, EncodedChunk* encoded) {
-  std::uint8_t* const chunk = image->ChunkBuffer.data();
-  *encoded = {chunk, expandedSectors};
-  if (!image->Compressor) return Success();
+KQStatus EncodeChunk(NewChunk* chunk, EncodedChunk* encoded) {
+  EndRunList(chunk->ChunkRuns);
+  const std::uint32_t sectorSize = chunk->SectorSize;
+  const std::uint32_t expandedSectors = (chunk->ChunkFill + sectorSize - 1) / sectorSize;
+  std::uint8_t* const plain = chunk->ChunkBuffer.data();
+  // A client may have filled the last sector in part.
+  std::memset(plain + chunk->ChunkFill, 0,
+              std::size_t{expandedSectors} * sectorSize - chunk->ChunkFill);
+  *encoded = {plain, expandedSectors, expandedSectors, chunk->ChunkVolumeOffset};
+  if (!chunk->Compressor) return Success();
 
-  const std::uint32_t sectorSize = image->SectorSize;
-  const std::uint32_t dataBytes = image->ChunkFill - sectorSize;
+  const std::uint32_t dataBytes = chunk->ChunkFill - sectorSize;
   if (dataBytes < kLengthBytes) return KQ_FAIL(kInvalidData);
-  if (!image->ChunkScratch) {
-    image->ChunkScratch = HeapBuffer::Allocate(image->ChunkBufferSize);
-    if (!image->ChunkScratch) return KQ_FAIL(kNotEnoughMemory);
+  if (!chunk->ChunkScratch) {
+    chunk->ChunkScratch = HeapBuffer::Allocate(chunk->ChunkBufferSize);
+    if (!chunk->ChunkScratch) return KQ_FAIL(kNotEnoughMemory);
   }
-  std::uint8_t* const scratch = image->ChunkScratch.data();
-  CodecCall call = {chunk + sectorSize, dataBytes, scratch + sectorSize + kLengthBytes,
+  std::uint8_t* const scratch = chunk->ChunkScratch.data();
+  CodecCall call = {plain + sectorSize, dataBytes, scratch + sectorSize + kLengthBytes,
                     dataBytes - kLengthBytes};
-  switch (Compress(&call, image->Compressor.get())) {
+  switch (Compress(&call, chunk->Compressor.get())) {
     case Outcome::kAllZero:
       encoded->storedSectors = 1;
       return Success();
@@ -103,13 +114,28 @@ KQStatus EncodeChunk(NewImageFile* image, std::uint32_t expandedSectors, Encoded
   const auto streamBytes = static_cast<std::uint32_t>(call.streamBytes);
   const std::uint32_t storedSectors = (streamBytes + kLengthBytes - 1) / sectorSize + 2;
   if (storedSectors == expandedSectors) return Success();
-  std::memcpy(scratch, chunk, sectorSize);
+  std::memcpy(scratch, plain, sectorSize);
   StoreU32(scratch + sectorSize, streamBytes);
   std::uint8_t* const streamEnd = call.stream + streamBytes;
   std::memset(
       streamEnd, 0,
       static_cast<std::size_t>(scratch + std::size_t{storedSectors} * sectorSize - streamEnd));
-  *encoded = {scratch, storedSectors};
+  encoded->source = scratch;
+  encoded->storedSectors = storedSectors;
+  return Success();
+}
+
+KQStatus EncipherChunk(const CryptoContext* key, const NewChunk& chunk,
+                       const EncodedChunk& encoded) {
+  if (key == nullptr || encoded.storedSectors < 2) return Success();
+  // The vector is the chunk's place in the volume, so that equal chunks do not look equal.
+  std::uint8_t vector[16] = {};
+  StoreU64(vector, encoded.volumeOffset);
+  std::uint8_t* body = encoded.source + chunk.SectorSize;
+  if (Failed(ImageEncipherRun(*key, body, body, (encoded.storedSectors - 1) * chunk.SectorSize,
+                              vector))) {
+    return KQ_FAIL(kEncryptionFailed);
+  }
   return Success();
 }
 

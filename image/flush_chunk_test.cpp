@@ -148,7 +148,7 @@ TEST_F(FlushChunk, FewerThanFourBytesCannotBeCompressed) {
       const KQStatus status = kq::FlushChunk(image);
       EXPECT_EQ(status.status, -13) << type << " " << bytes;
       EXPECT_STREQ(status.file, "utimagefile");
-      EXPECT_EQ(image->ChunkFill, kSector + bytes);
+      EXPECT_EQ(image->Chunk.ChunkFill, kSector + bytes);
       EXPECT_EQ(writer.File().size(), kSector);
       EXPECT_EQ(writer.Close().status, 0);
       EXPECT_FALSE(writer.FileExists());
@@ -200,10 +200,10 @@ TEST_F(FlushChunk, AnEmptyChunkIsOnlyBegunAnew) {
   Writer writer(path_, Template(Fields(0)));
   auto* image = reinterpret_cast<kq::NewImageFile*>(writer.handle());
   EXPECT_EQ(kq::FlushChunk(image).status, 0);
-  EXPECT_EQ(image->ChunkFill, kSector);
+  EXPECT_EQ(image->Chunk.ChunkFill, kSector);
   EXPECT_EQ(image->ChunkCount, 0u);
-  EXPECT_EQ(Get32({image->ChunkBuffer.data(), 8}, 0), 1u);
-  EXPECT_EQ(Get32({image->ChunkBuffer.data(), 8}, 4), 1u);
+  EXPECT_EQ(Get32({image->Chunk.ChunkBuffer.data(), 8}, 0), 1u);
+  EXPECT_EQ(Get32({image->Chunk.ChunkBuffer.data(), 8}, 4), 1u);
   EXPECT_EQ(writer.Close().status, 0);
 }
 

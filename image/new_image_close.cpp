@@ -55,7 +55,7 @@ KQStatus FinishNewImageFile(NewImageFileOwner* owner, const char* comment) {
   }
   CompleteIndex(image);
   KQ_RETURN_IF_FAILED(WriteIndex(image));
-  CompleteHeaderSector(image, comment);
+  if (!image->HeaderIsComplete) CompleteHeaderSector(image, comment);
   // The write that makes the file valid.
   KQ_RETURN_IF_FAILED(
       OSFileSeekWrite(image->File.get(), 0, image->Header.data(), image->SectorSize));

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "crypto/text_conversion.h"
-#include "foundation/checked_math.h"
 #include "foundation/little_endian.h"
 #include "header/extended_record.h"
 #include "image/creation_time.h"
@@ -31,13 +30,7 @@ KQStatus AllocateBuffers(NewImageFile* image, std::uint32_t headerBytes) {
   if (!image->Header) return KQ_FAIL(kNotEnoughMemory);
   image->Header.WipeWhenFreed(headerBytes);
 
-  image->ChunkBufferSize = kHeaderAndChunkBytes - headerBytes;
-  std::uint64_t allocated = 0;
-  if (!CheckedRoundUp(std::max(image->ChunkBufferSize, sectorSize), sectorSize, &allocated)) {
-    return KQ_FAIL(kNotEnoughMemory);
-  }
-  image->ChunkBuffer = HeapBuffer::Allocate(allocated);
-  if (!image->ChunkBuffer) return KQ_FAIL(kNotEnoughMemory);
+  KQ_RETURN_IF_FAILED(PrepareChunk(&image->Chunk, sectorSize, kHeaderAndChunkBytes - headerBytes));
 
   image->IndexBuffer = HeapBuffer::AllocateZeroed(std::max<std::uint32_t>(sectorSize, 4096));
   if (!image->IndexBuffer) return KQ_FAIL(kNotEnoughMemory);
@@ -77,16 +70,6 @@ KQStatus DecipherFurtherSectors(std::uint32_t sectorSize, std::uint8_t* header,
   std::uint8_t vector[kVectorBytes] = {};
   std::uint8_t* further = header + sectorSize;
   return ImageDecipherRun(*key, further, further, headerBytes - sectorSize, vector);
-}
-
-KQStatus MakeCompressor(NewImageFile* image, std::uint32_t type) {
-  if (type == kCompressionNone) return Success();
-  image->Compressor = MakeOwned<Compressor>();
-  if (!image->Compressor) return KQ_FAIL(kNotEnoughMemory);
-  if (BuildCompressor(type, image->Compressor.get()) != StatusCode::kSuccess) {
-    return KQ_FAIL(kNotEnoughMemory);
-  }
-  return Success();
 }
 
 KQStatus MakeKey(NewImageFile* image, std::uint32_t type, const char* password) {
@@ -155,7 +138,6 @@ KQStatus PrepareHeader(const std::uint8_t* headerTemplate, const std::uint8_t* r
   header->PartIndex = 0;
   StampCreationTime(header);
 
-  ResetChunk(made.get());
   made->IndexRuns.Cursor = made->IndexBuffer.data() + sizeof(ChunkIndexHead);
   made->IndexRuns.End = made->IndexBuffer.data() + sectorSize;
   *image = std::move(made);
@@ -193,7 +175,7 @@ KQStatus AssignImageIdentifiers(ImageHeader* header, const std::uint8_t* imageId
 
 KQStatus OpenNewImageFile(NewImageFile* image, const char* fileName, const char* password) {
   const ImageHeader* header = image->header();
-  KQ_RETURN_IF_FAILED(MakeCompressor(image, header->CompressionType));
+  KQ_RETURN_IF_FAILED(MakeCompressor(&image->Chunk, header->CompressionType));
   KQ_RETURN_IF_FAILED(MakeKey(image, header->EncryptionType, password));
   KQ_RETURN_IF_FAILED(EncipherFurtherSectors(image));
 

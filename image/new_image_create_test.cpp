@@ -485,7 +485,7 @@ TEST_F(NewImageCreate, PrepareHeaderFillsFurtherSectorsWithZeroWithoutARest) {
   ASSERT_EQ(kq::PrepareHeader(bytes.data(), nullptr, 2, &image).status, 0);
   ASSERT_EQ(image->Header.size(), 3 * 512u);
   EXPECT_EQ(Bytes(image->Header.data() + 512, image->Header.data() + 3 * 512), Bytes(2 * 512));
-  EXPECT_EQ(image->ChunkBufferSize, kLargestHeader - 3 * 512);
+  EXPECT_EQ(image->Chunk.ChunkBufferSize, kLargestHeader - 3 * 512);
 }
 
 TEST_F(NewImageCreate, AFileThatCannotBeCreatedGivesTheSystemsError) {

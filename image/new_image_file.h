@@ -19,22 +19,19 @@
 #include <cstdint>
 #include <memory>
 
-#include "codec/compressor.h"
 #include "codec/run_list.h"
 #include "crypto/image_key.h"
 #include "foundation/memory.h"
 #include "foundation/os_file.h"
 #include "foundation/status.h"
+#include "image/chunk_encode.h"
+#include "image/new_chunk.h"
 #include "kqimageformat.h"
 
 namespace kq {
 
 // A header and the buffer of one chunk share this budget, so no chunk is larger.
 inline constexpr std::uint32_t kHeaderAndChunkBytes = 0x100000;
-// A run list must have more bytes left than this before another run is entered, which leaves room
-// for the longest entry. Chunks and the index keep the same reserve; where a chunk ends and when
-// the index grows follow from it.
-inline constexpr std::uint32_t kRunListReserve = 18;
 
 struct NewImageFile {
   OSFileOwner File;  // null until created, and after a successful finish
@@ -49,15 +46,10 @@ struct NewImageFile {
   // All header sectors, as they go to the file. First the template's KeyBlob and at the end the new
   // one stand in it, so it is wiped.
   HeapBuffer Header;
+  // Set by a writer that has called CompleteHeaderSector ahead of the finish.
+  bool HeaderIsComplete = false;
 
-  // The chunk under construction: its ChunkHead sector, then the data. The allocation reaches up
-  // to a whole sector and holds at least one, whatever ChunkBufferSize is.
-  HeapBuffer ChunkBuffer;
-  std::uint32_t ChunkBufferSize = 0;  // kHeaderAndChunkBytes minus the header's bytes
-  std::uint32_t ChunkFill = 0;        // bytes in use, at least SectorSize
-  RunWriter ChunkRuns;
-  std::uint64_t ChunkVolumeOffset = 0;  // of the chunk's first run
-  HeapBuffer ChunkScratch;              // a compressed chunk; allocated by the first that needs it
+  NewChunk Chunk;  // its ChunkBufferSize is kHeaderAndChunkBytes minus the header's bytes
 
   // What the index tells as the length of the next chunk's entry: the distance in the file from the
   // previous chunk's start, or the header's bytes for the first chunk.
@@ -69,9 +61,8 @@ struct NewImageFile {
   RunWriter IndexRuns;
   std::uint64_t ChunkCount = 0;  // chunks written
 
-  Owned<CryptoContext> Key;            // null if EncryptionType is 0
-  Owned<::kq::Compressor> Compressor;  // null if CompressionType is 0
-  SecretBuffer KeyBlob;                // for the final header
+  Owned<CryptoContext> Key;  // null if EncryptionType is 0
+  SecretBuffer KeyBlob;      // for the final header
   std::uint32_t KeyBlobSize = 0;
 
   ImageHeader* header() { return reinterpret_cast<ImageHeader*>(Header.data()); }
@@ -138,14 +129,16 @@ KQStatus AppendFetchedSectors(NewImageFile* image, SectorFetch fetch, void* cont
 // anew: its data stays, though it may be enciphered already.
 KQStatus FlushChunk(NewImageFile* image);
 
-// Begins a new, empty chunk.
-void ResetChunk(NewImageFile* image);
+// Appends an encoded chunk to the file and enters it in the index, as FlushChunk does: the writer's
+// own chunk is left alone. -8; or errno mapped.
+KQStatus AppendChunk(NewImageFile* image, const EncodedChunk& chunk);
 
 // Flushes the last chunk, whose failure does not show, appends the chunk index and completes sector
 // 0. Without any chunk the file is removed instead. On success *image is destroyed and null; on
 // failure it stays alive.
 //
-// comment: UTF-8, cut to the room in sector 0; may be null; one that is not valid is left out.
+// comment: UTF-8, cut to the room in sector 0; may be null; one that is not valid is left out. It
+// is not looked at under HeaderIsComplete.
 // -8; or errno mapped.
 KQStatus FinishNewImageFile(NewImageFileOwner* image, const char* comment);
 
