@@ -18,7 +18,6 @@ namespace {
 
 using kqtest::DirectoryCall;
 using kqtest::FailingDirectoryCall;
-using kqtest::ImageFile;
 using kqtest::ImageSpec;
 using kqtest::Listed;
 using kqtest::MakeId;

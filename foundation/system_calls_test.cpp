@@ -84,7 +84,6 @@ BeforeCall::~BeforeCall() {
 
 using kqtest::AddressOf;
 using kqtest::Call;
-using kqtest::CallRecord;
 using kqtest::Intercept;
 using kqtest::Limited;
 

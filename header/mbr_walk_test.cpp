@@ -9,7 +9,6 @@ namespace {
 
 using kqtest::Bytes;
 using kqtest::Joined;
-using kqtest::TableEntry;
 using kqtest::TableSector;
 
 constexpr std::uint32_t kAny = 0xFFFFFFFF;
