@@ -131,6 +131,18 @@ TEST_F(HeaderSectorsQueryTest, FewerThanThreeSectorsHaveNoExtraOnes) {
   }
 }
 
+// A client that got zeros for what is missing would carry them into its next image.
+TEST_F(HeaderSectorsQueryTest, FileCutWithinItsHeaderIsGeneralFailure) {
+  Bytes file = kqtest::BuildImage(SpecWith(4));
+  for (const std::size_t length : {2047u, 1536u, 1025u, 513u, 512u, 200u}) {
+    SCOPED_TRACE(length);
+    file.resize(length);
+    kqtest::WriteFile(path_, file);
+    ExpectFailure(KQImageFileGetAllHeaderSectors, nullptr, -31, "kqimageapi");
+    ExpectFailure(KQImageFileGetExtraSectors, nullptr, -31, "kqimageapi");
+  }
+}
+
 TEST_F(HeaderSectorsQueryTest, EncipheredSectorsNeedTheirPassword) {
   for (std::uint32_t type = 1; type <= 4; ++type) {
     SCOPED_TRACE(type);

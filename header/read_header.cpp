@@ -17,9 +17,6 @@ constexpr std::uint32_t kFirstBadCompressionType = 7;
 constexpr std::uint32_t kFirstBadEncryptionType = 5;
 // Enough for every block size that an aligned read wants.
 constexpr std::uint64_t kReadAlignment = 4096;
-// The most bytes that are deciphered though the file does not hold them. A real header has none;
-// without a limit, a few damaged bytes would have gigabytes of nothing deciphered.
-constexpr std::uint64_t kMostMissingBytes = 0x4000000;
 
 // Reads and checks what every image file begins with.
 KQStatus ReadFixedHeader(const OSAlignedFile& file, ImageHeader* header) {
@@ -41,12 +38,16 @@ KQStatus ReadFixedHeader(const OSAlignedFile& file, ImageHeader* header) {
 
 // Reads length bytes of whole sectors to the front of a new buffer, which is zero behind them.
 //
+// A file that is too short fails, so that no client takes zeros for a part of the header. With
+// tolerate what is missing reads as zero: those callers go on to the file's size or the header's
+// checksums, which tell more.
+//
 // The read goes to an aligned place of the buffer, so that it takes the direct way wherever the
-// sectors allow it; that decides what becomes of a file that is too short. From there the bytes
-// move to the front, because only memory that comes as zero from the system makes a header cheap
-// that claims gigabytes of a file that holds none: what is not read is not touched.
+// sectors allow it, on which a short file is no failure. From there the bytes move to the front,
+// because only memory that comes as zero from the system makes a header cheap that claims gigabytes
+// of a file that holds none: what is not read is not touched.
 KQStatus ReadSectors(const OSAlignedFile& file, std::uint64_t offset, std::uint64_t length,
-                     HeapBuffer* sectors, std::uint32_t* bytesRead) {
+                     bool tolerate, HeapBuffer* sectors) {
   if (length > std::numeric_limits<std::uint32_t>::max()) return KQ_FAIL(kNotEnoughMemory);
   HeapBuffer buffer = HeapBuffer::AllocateZeroed(length + kReadAlignment);
   if (!buffer) return KQ_FAIL(kNotEnoughMemory);
@@ -54,16 +55,17 @@ KQStatus ReadSectors(const OSAlignedFile& file, std::uint64_t offset, std::uint6
   const std::uint64_t misaligned = reinterpret_cast<std::uintptr_t>(buffer.data()) % kReadAlignment;
   const std::uint64_t shift = misaligned == 0 ? 0 : kReadAlignment - misaligned;
   std::uint8_t* const aligned = buffer.data() + shift;
+  std::uint32_t bytesRead = 0;
   KQ_RETURN_IF_FAILED(
-      OSFileReadAligned(file, offset, aligned, static_cast<std::uint32_t>(length), bytesRead));
-  // Sector 0 holds the key blob.
-  buffer.WipeWhenFreed(*bytesRead);
-  if (shift != 0) {
-    std::memmove(buffer.data(), aligned, *bytesRead);
-    std::memset(buffer.data() + *bytesRead, 0, shift);
-  }
+      OSFileReadAligned(file, offset, aligned, static_cast<std::uint32_t>(length), &bytesRead));
   // Sector 0 holds the KeyBlob, and the later ones are plain text soon.
-  buffer.WipeWhenFreed(*bytesRead);
+  buffer.WipeWhenFreed(shift + bytesRead);
+  if (bytesRead < length && !tolerate) return KQ_FAIL(kGenFailure);
+  if (shift != 0) {
+    std::memmove(buffer.data(), aligned, bytesRead);
+    std::memset(buffer.data() + bytesRead, 0, shift);
+  }
+  buffer.WipeWhenFreed(bytesRead);
   *sectors = std::move(buffer);
   return Success();
 }
@@ -90,10 +92,7 @@ KQStatus ReadEncipheredSectors(const OSAlignedFile& file, const ImageHeader& hea
   }
   HeapBuffer buffer;
   KQ_RETURN_IF_FAILED(
-      ReadSectors(file, (start - leadingSectors) * sectorSize, length, &buffer, &bytesRead));
-
-  const bool hasPassword = password != nullptr && *password != '\0';
-  if (hasPassword && length - bytesRead > kMostMissingBytes) return KQ_FAIL(kNotEnoughMemory);
+      ReadSectors(file, (start - leadingSectors) * sectorSize, length, tolerate, &buffer));
   const std::uint64_t plainBytes = plainSectors * sectorSize;
   const KQStatus deciphered = DecipherHeaderRun(
       header.EncryptionType, keyBlob.data(), header.KeyBlobLength, password,
@@ -128,9 +127,8 @@ KQStatus ReadHeaderSectors(const OSAlignedFile& file, const char* password, std:
   if (enciphered) {
     outcome = ReadEncipheredSectors(file, header, password, start, count, tolerate, sectors);
   } else {
-    std::uint32_t bytesRead = 0;
-    outcome = ReadSectors(file, start * header.SectorSize, count * header.SectorSize, sectors,
-                          &bytesRead);
+    outcome =
+        ReadSectors(file, start * header.SectorSize, count * header.SectorSize, tolerate, sectors);
   }
   if (!*sectors) return outcome;
 

@@ -16,18 +16,18 @@ namespace kq {
 // Reads count header sectors from start (0 or 2); a count of 0 means up to the header's end.
 //
 // password: UTF-8, may be null; needed for sectors 1 onward of an enciphered image.
-// tolerate: a failed decipher is no reason to withhold the bytes; they come as stored, together
-//   with the failure's record.
+// tolerate: neither a failed decipher nor a file that is too short for the range is a reason to
+//   withhold the bytes. The first come as stored, together with the failure's record. What the file
+//   lacks reads as zero, where its block size divides the sectors; elsewhere it stays a failure.
 // sectors: receives count * SectorSize bytes, and is empty if no bytes are had. The buffer's own
 //   size is larger than that. With start 0 it begins with the 114 bytes that were checked, even
-//   where SectorSize is smaller. What the file is too short to hold reads as zero, where the file's
-//   block size divides the sectors, and is -31 otherwise. Since the KeyBlob is among them, what
-//   came from the file is wiped when the buffer is freed.
+//   where SectorSize is smaller. Since the KeyBlob is among them, what came from the file is wiped
+//   when the buffer is freed.
 // size: receives the bytes, 0 if there are none; may be null.
 //
 // -1392 no finished image; -2 range beyond the header; -86 password missing or wrong; -87 a key
-// blob of the wrong length; -13 key blob cut short; -31 file shorter than a header; -8, also for a
-// range of 4 GiB and more; or errno mapped.
+// blob of the wrong length; -13 key blob cut short; -31 file too short; -8, also for a range of 4
+// GiB and more; or errno mapped.
 KQStatus ReadHeaderSectors(const OSAlignedFile& file, const char* password, std::uint64_t start,
                            std::uint64_t count, bool tolerate, HeapBuffer* sectors,
                            std::uint32_t* size);
