@@ -1,6 +1,6 @@
 // The catalogue: what a file costs when a directory is added, against a plain loop that opens each
 // file and reads 4 KiB of it, and what queries over a big catalogue cost. All files are in the page
-// cache.
+// cache, in the folder that KQ_BENCH_FOLDER names, else in /tmp.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "kqimageapi.h"
 #include "kqimageformat.h"
 
@@ -22,18 +23,15 @@ namespace {
 
 constexpr std::uint32_t kSectorSize = 512;
 
-void Require(bool good, const char* what) {
-  if (good) return;
-  std::fprintf(stderr, "%s failed\n", what);
-  std::exit(1);
-}
+using kqbench::Require;
 
 // A folder of small images in families, each a chain of the same length. Removed at the program's
 // end.
 class ImageFolder {
  public:
   ImageFolder(std::int64_t files, std::int64_t filesPerFamily) {
-    path_ = "/tmp/kqenumeration-bench-XXXXXX";
+    const char* folder = std::getenv("KQ_BENCH_FOLDER");
+    path_ = std::string(folder != nullptr ? folder : "/tmp") + "/kqenumeration-bench-XXXXXX";
     Require(mkdtemp(path_.data()) != nullptr, "mkdtemp");
     std::vector<std::uint8_t> parent;
     for (std::int64_t i = 0; i < files; ++i) {
@@ -120,7 +118,7 @@ void AddDirectory(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(AddDirectory)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(AddDirectory)->RangeMultiplier(10)->Range(10, 100'000)->Unit(benchmark::kMillisecond);
 
 void OpenAndReadEachFile(benchmark::State& state) {
   const std::string path = Folder(state.range(0), kFilesPerFamily).path();

@@ -5,10 +5,7 @@
 //   overlay_bench [EXTENTS]...     10000 and 1000000 if none is given
 //
 // The files lie in the folder that KQ_BENCH_FOLDER names, else in /tmp; a million extents take
-// 8 GB. qemu-io never flushes here, and takes its commands through a pipe, a line each, which its
-// figures include.
-#include <sys/wait.h>
-
+// 8 GB.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -20,22 +17,20 @@
 #include <vector>
 
 #include "bench/bench_files.h"
+#include "bench/qemu_io.h"
 #include "kqimageapi.h"
 
 namespace {
 
 using kqbench::BenchPath;
 using kqbench::Require;
+using kqbench::SecondsSince;
 
 constexpr char kFolder[] = "/tmp";
 constexpr std::uint32_t kBlock = 4096;
 constexpr std::uint64_t kStep = 4 * kBlock;     // no two extents touch
 constexpr std::uint64_t kBaseBytes = 16 << 20;  // less than the chunk cache holds
 constexpr std::size_t kReads = 100'000;
-
-double SecondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 struct Pattern {
   std::vector<std::uint64_t> writes;
@@ -89,21 +84,6 @@ Rates MeasureOurs(const Pattern& pattern, const std::vector<std::uint8_t>& baseD
   return rates;
 }
 
-void Shell(const std::string& command) { Require(std::system(command.c_str()) == 0, "command"); }
-
-double QemuIo(const std::string& image, const char* verb,
-              const std::vector<std::uint64_t>& offsets) {
-  const auto start = std::chrono::steady_clock::now();
-  std::FILE* const pipe =
-      popen(("qemu-io -t unsafe -f qcow2 '" + image + "' >/dev/null").c_str(), "w");
-  Require(pipe != nullptr, "qemu-io");
-  for (const std::uint64_t offset : offsets) {
-    std::fprintf(pipe, "%s -q %llu 4k\n", verb, static_cast<unsigned long long>(offset));
-  }
-  Require(pclose(pipe) == 0, "qemu-io");
-  return static_cast<double>(offsets.size()) / SecondsSince(start);
-}
-
 Rates MeasureTheirs(const Pattern& pattern, const std::vector<std::uint8_t>& baseData) {
   const BenchPath raw(kFolder, "base.raw");
   const BenchPath base(kFolder, "base.qcow2");
@@ -114,11 +94,14 @@ Rates MeasureTheirs(const Pattern& pattern, const std::vector<std::uint8_t>& bas
               std::fclose(file) == 0,
           "raw base");
   Require(truncate(raw.path.c_str(), static_cast<off_t>(pattern.volumeBytes)) == 0, "truncate");
-  Shell("qemu-img convert -O qcow2 '" + raw.path + "' '" + base.path + "'");
-  Shell("qemu-img create -q -f qcow2 -F qcow2 -b '" + base.path + "' '" + overlay.path + "'");
+  kqbench::MakeQcow2(raw.path, base.path);
+  kqbench::MakeQcow2Overlay(base.path, overlay.path);
+  const std::string image = kqbench::Qcow2(overlay.path);
   Rates rates;
-  rates.writes = QemuIo(overlay.path, "write", pattern.writes);
-  rates.reads = QemuIo(overlay.path, "read", pattern.reads);
+  rates.writes = static_cast<double>(pattern.writes.size()) /
+                 kqbench::QemuIoSeconds(image, "write", pattern.writes);
+  rates.reads = static_cast<double>(pattern.reads.size()) /
+                kqbench::QemuIoSeconds(image, "read", pattern.reads);
   return rates;
 }
 

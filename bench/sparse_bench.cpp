@@ -96,8 +96,7 @@ void RandomWrites(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(RandomWrites)
-    ->Args({10'000, 1000})
-    ->Args({1'000'000, 1000})
+    ->ArgsProduct({{1000, 10'000, 100'000, 1'000'000}, {1000}})
     ->Unit(benchmark::kMillisecond);
 
 void RandomReads(benchmark::State& state) {
@@ -114,8 +113,7 @@ void RandomReads(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(RandomReads)
-    ->Args({10'000, 1000})
-    ->Args({1'000'000, 1000})
+    ->ArgsProduct({{1000, 10'000, 100'000, 1'000'000}, {1000}})
     ->Args({1'000'000, 65535})
     ->Unit(benchmark::kMicrosecond);
 
