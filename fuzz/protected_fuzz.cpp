@@ -12,13 +12,19 @@ namespace {
 
 constexpr char kPassword[] = "secret";
 
-// Both queries, with any room and with all that they ask for.
+// Asks with any room, and with all that is asked for. The query may write up to tail bytes behind
+// what it is told of the buffer, and nothing behind the size that it gives back.
 template <class Query>
-void Ask(const Query& query, std::uint32_t room) {
-  kqfuzz::Bytes some(room, 0xAA);
+void Ask(const Query& query, std::uint32_t room, std::uint32_t tail) {
+  constexpr std::uint8_t kUntouched = 0xAA;
+  kqfuzz::Bytes some(room + tail, kUntouched);
   std::uint32_t size = room;
   const KQStatus first = query(some.data(), &size);
-  if (first.status == 0) FUZZ_CHECK(size <= room);
+  if (first.status == 0) {
+    FUZZ_CHECK(size <= some.size());
+    FUZZ_CHECK(std::all_of(some.begin() + std::max(size, room), some.end(),
+                           [](std::uint8_t byte) { return byte == kUntouched; }));
+  }
   if (first.status != KQ_STATUS_MORE_DATA) return;
   FUZZ_CHECK(size > room);
   kqfuzz::Bytes all(size);
@@ -58,13 +64,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return KQImageFileGetInfoProtected(path, kPassword, static_cast<ProtectedInfo*>(buffer),
                                            bytes);
       },
-      room);
+      // The list is not cut to the client's size.
+      room, spec.header.sectorSize);
   Ask(
       [&](void* buffer, std::uint32_t* bytes) {
         return KQImageFileGetInfoProtectedEx(path, kPassword, 0,
                                              static_cast<ProtectedInfoEx*>(buffer), bytes);
       },
-      room);
+      room, 0);
   FUZZ_CHECK(scratch.Holds(file));
   return 0;
 }
