@@ -1,10 +1,10 @@
 // The one lock type, with the annotations that clang's -Wthread-safety checks.
 //
 // Order of locks: a handle's mutex first, then any one of openFilesMutex, chunkCacheMutex,
-// chunkHeaderCacheMutex and compressorMutex, never two of these four at once. objmgrMutex is never
-// held together with a handle's mutex. The caches' mutexes are held for list work only, never
-// across a read, a decode or a copy; compressorMutex is held across the decoding of one chunk of
-// compression type 6.
+// chunkHeaderCacheMutex, compressorMutex and timeZoneMutex, never two of these five at once.
+// objmgrMutex is never held together with a handle's mutex. The caches' mutexes are held for list
+// work only, never across a read, a decode or a copy; compressorMutex is held across the decoding
+// of one chunk of compression type 6, timeZoneMutex across the look at the zone for one stamp.
 #ifndef KQ_FOUNDATION_MUTEX_H
 #define KQ_FOUNDATION_MUTEX_H
 

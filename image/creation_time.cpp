@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include "foundation/mutex.h"
+
 namespace kq {
 namespace {
 
@@ -9,6 +11,10 @@ constexpr std::uint64_t kTicksBefore1970 = 0x19DB1DED53E8000;
 constexpr std::uint64_t kTicksPerSecond = 10'000'000;
 constexpr std::int64_t kTicksPerMinute = 600'000'000;
 constexpr std::int32_t kDaylightMinutes = -60;
+
+// The C library's `timezone` and `daylight` are the whole process's, and each look at the zone sets
+// them: a stamp must not read them while another is being made.
+constinit Mutex timeZoneMutex;
 
 }  // namespace
 
@@ -25,6 +31,7 @@ void StampCreationTime(ImageHeader* header) {
   std::int32_t timeZoneBias = 0;
   std::int32_t daylightBias = 0;
 
+  const MutexLock lock(timeZoneMutex);
   // localtime_r keeps other threads' results alone, but only localtime itself must look at TZ anew
   // on each call; tzset does it here.
   tzset();

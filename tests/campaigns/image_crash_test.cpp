@@ -16,7 +16,7 @@
 namespace kqtest {
 namespace {
 
-#ifdef KQ_SANITIZED
+#ifdef KQ_SHORT_CAMPAIGNS
 constexpr int kKills = 20;
 #else
 constexpr int kKills = 150;

@@ -3,8 +3,6 @@
 //
 // The order: a handle's lock, then one of the library's; never two of the library's at once, never
 // a handle's under one of the library's, and the object manager's never together with a handle's.
-//
-// The thread sanitizer stands where this would, and reports what could end in a deadlock.
 #ifndef KQ_TESTS_CAMPAIGNS_LOCK_ORDER_H
 #define KQ_TESTS_CAMPAIGNS_LOCK_ORDER_H
 
@@ -12,12 +10,6 @@
 #include <functional>
 
 namespace kqtest {
-
-#ifdef __SANITIZE_THREAD__
-inline constexpr bool kLocksAreWatched = false;
-#else
-inline constexpr bool kLocksAreWatched = true;
-#endif
 
 struct LockReport {
   std::size_t libraryLocks = 0;  // different ones that were taken

@@ -18,7 +18,7 @@
 namespace kqtest {
 namespace {
 
-#ifdef KQ_SANITIZED
+#ifdef KQ_SHORT_CAMPAIGNS
 constexpr int kKills = 60;
 #else
 constexpr int kKills = 400;

@@ -13,7 +13,7 @@
 namespace kqtest {
 namespace {
 
-#ifdef KQ_SANITIZED
+#ifdef KQ_SHORT_CAMPAIGNS
 constexpr int kOperations = 3000;
 constexpr std::uint32_t kChoices = 1500;
 #else
