@@ -214,4 +214,11 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
   return fails ? errno : __real_pthread_mutex_init(mutex, attributes);
 }
 
+int __real_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes);
+int __wrap_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes);
+int __wrap_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) {
+  const bool fails = Intercept({.call = Call::kConditionInit, .address = AddressOf(condition)});
+  return fails ? errno : __real_pthread_cond_init(condition, attributes);
+}
+
 }  // extern "C"

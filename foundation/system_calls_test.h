@@ -28,6 +28,7 @@ enum class Call : std::uint8_t {
   kFree,
   kMutexLock,
   kMutexInit,
+  kConditionInit,
   kCount
 };
 

@@ -3,7 +3,9 @@
 // the library's allocations here (CMakeLists.txt).
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
+#include "image/allocation_calls_test.h"
 #include "image/chain_test_support.h"
 #include "image/image_room.h"
 
@@ -11,8 +13,13 @@ namespace {
 
 thread_local int allocationsLeft = -1;  // negative: none fails
 thread_local bool allocationFailed = false;
+thread_local std::function<void()>* beforeNext = nullptr;
 
 bool FailsNow() {
+  if (beforeNext != nullptr) {
+    const std::function<void()>* const action = std::exchange(beforeNext, nullptr);
+    (*action)();
+  }
   if (allocationsLeft < 0 || allocationsLeft-- > 0) return false;
   allocationFailed = true;
   return true;
@@ -33,6 +40,16 @@ int __wrap_posix_memalign(void** memory, std::size_t alignment, std::size_t size
   return FailsNow() ? ENOMEM : __real_posix_memalign(memory, alignment, size);
 }
 }
+
+namespace kqtest {
+
+BeforeNextAllocation::BeforeNextAllocation(std::function<void()> action)
+    : action_(std::move(action)) {
+  beforeNext = &action_;
+}
+BeforeNextAllocation::~BeforeNextAllocation() { beforeNext = nullptr; }
+
+}  // namespace kqtest
 
 namespace kq {
 namespace {

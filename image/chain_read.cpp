@@ -163,10 +163,6 @@ KQStatus CopyPieces(const PieceList& pieces, const VolumeRange& range, TargetBuf
   KQStatus status = Success();
   pieces.ForEach([&](const ReadPiece& piece) {
     const ChunkPlace& place = *piece.Chunk;
-    if (place.FileOffset < place.File->HeaderBytes()) {
-      status = KQ_FAIL(kInvalidParameter);
-      return false;
-    }
     DecodeOutcome outcome = DecodeOutcome::kExpanded;
     status = current.Use(place, &outcome);
     if (Failed(status)) return false;

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "image/allocation_calls_test.h"
 #include "image/chain_test_support.h"
 #include "image/image_room.h"
 
@@ -88,6 +89,33 @@ TEST_F(ChunkHeaderCacheTest, EntryTellsTheHeadAndItsRuns) {
     first += 1 + i % 3;
   }
   ChunkHeaderPut(entry);
+}
+
+// While one thread has read a chunk's head and is about to enter it, another one does the same.
+TEST_F(ChunkHeaderCacheTest, HeadThatTwoReadAtOnceIsEnteredOnce) {
+  OpenFile({2});
+  GetAndPut(1);
+  const std::uint64_t cost = CountedBytes();
+  ResetChunkHeaderCache();
+
+  ChunkHeaderEntry* others = nullptr;
+  ChunkHeaderEntry* own = nullptr;
+  {
+    const kqtest::BeforeNextAllocation meanwhile([&] { others = Get(1); });
+    own = Get(1);
+  }
+  ASSERT_NE(others, nullptr);
+  EXPECT_EQ(own, others);
+  EXPECT_EQ(Order(), Numbers{1});
+  EXPECT_EQ(CountedBytes(), cost);
+  const auto users = [&] {
+    const MutexLock lock(chunkHeaderCacheMutex);
+    return own->refCount;
+  };
+  EXPECT_EQ(users(), 2u);
+  ChunkHeaderPut(own);
+  ChunkHeaderPut(others);
+  EXPECT_EQ(users(), 0u);
 }
 
 TEST_F(ChunkHeaderCacheTest, CostFollowsTheSizeClassOfTheRunTable) {

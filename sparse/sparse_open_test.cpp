@@ -302,18 +302,20 @@ TEST_F(SparseOpen, WithoutAHandleTheFileGoesUnlessItHadToExist) {
 }
 
 TEST_F(SparseOpen, GateThatCannotBeMadeIsDoneWithout) {
-  kq::SparseFileOwner file;
-  {
-    const FailingCall failing(Call::kMutexInit, ENOMEM);
-    file = Open(kq::SparseMode::kCreateNew);
-    ASSERT_EQ(failing.failures(), 1);
+  for (const Call part : {Call::kMutexInit, Call::kConditionInit}) {
+    kq::SparseFileOwner file;
+    {
+      const FailingCall failing(part, ENOMEM);
+      file = Open(kq::SparseMode::kCreateAlways);
+      ASSERT_EQ(failing.failures(), 1);
+    }
+    EXPECT_EQ(file->Gate, nullptr);
+    std::uint8_t byte = 5;
+    EXPECT_EQ(kq::SparseFileWriteFrom(file.get(), 0, &byte, 1).status, 0);
+    EXPECT_EQ(kq::SparseFileReadInto(file.get(), 0, &byte, 1).status, 0);
+    EXPECT_EQ(kq::SparseFileDataBytes(file.get()), 1U);
+    EXPECT_EQ(kq::UtSparseFileClose(file.get(), false).status, 0);
   }
-  EXPECT_EQ(file->Gate, nullptr);
-  std::uint8_t byte = 5;
-  EXPECT_EQ(kq::SparseFileWriteFrom(file.get(), 0, &byte, 1).status, 0);
-  EXPECT_EQ(kq::SparseFileReadInto(file.get(), 0, &byte, 1).status, 0);
-  EXPECT_EQ(kq::SparseFileDataBytes(file.get()), 1U);
-  EXPECT_EQ(kq::UtSparseFileClose(file.get(), false).status, 0);
 }
 
 TEST_F(SparseOpen, GateStandsOpen) {
