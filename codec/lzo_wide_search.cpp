@@ -6,6 +6,8 @@
 
 #include <immintrin.h>
 
+#include <initializer_list>
+
 #include "codec/lzo_format.h"
 #include "foundation/little_endian.h"
 
@@ -177,16 +179,16 @@ KQ_TARGET_AVX512 std::size_t PassLiteralsAvx512(const LzoPositions& positions, s
 
 bool LzoSupports(LzoInstructions instructions) {
   switch (instructions) {
-    case LzoInstructions::kSse2:
-      return true;
-    case LzoInstructions::kAvx2:
-      return __builtin_cpu_supports("avx2") != 0;
     case LzoInstructions::kAvx512:
       return __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512bw") != 0 &&
              __builtin_cpu_supports("avx512cd") != 0 && __builtin_cpu_supports("avx512dq") != 0 &&
              __builtin_cpu_supports("avx512vl") != 0 && __builtin_cpu_supports("avx2") != 0;
+    case LzoInstructions::kAvx2:
+      return __builtin_cpu_supports("avx2") != 0;
+    case LzoInstructions::kSse2:
+      break;
   }
-  return false;
+  return true;
 }
 
 LzoWideSearch LzoWideSearchWith(LzoInstructions instructions) {
@@ -202,9 +204,11 @@ LzoWideSearch LzoWideSearchWith(LzoInstructions instructions) {
 }
 
 LzoWideSearch LzoWideSearchHere() {
-  if (LzoSupports(LzoInstructions::kAvx512)) return LzoWideSearchWith(LzoInstructions::kAvx512);
-  return LzoWideSearchWith(LzoSupports(LzoInstructions::kAvx2) ? LzoInstructions::kAvx2
-                                                               : LzoInstructions::kSse2);
+  LzoInstructions widest = LzoInstructions::kSse2;
+  for (const LzoInstructions wider : {LzoInstructions::kAvx2, LzoInstructions::kAvx512}) {
+    if (LzoSupports(wider)) widest = wider;
+  }
+  return LzoWideSearchWith(widest);
 }
 
 }  // namespace kq

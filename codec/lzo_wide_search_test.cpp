@@ -184,4 +184,12 @@ TEST(LzoBlockCompressWith, AllWaysAgreeBeyondTheLargestFrame) {
   EXPECT_TRUE(kqtest::LzoModelDecompress(*expected, input.size()).output == input);
 }
 
+TEST(LzoWideSearchHere, IsTheWidestThatTheProcessorHas) {
+  EXPECT_TRUE(kq::LzoSupports(kq::LzoInstructions::kSse2));  // every x86-64 has it
+  const kq::LzoWideSearch here = kq::LzoWideSearchHere();
+  const kq::LzoWideSearch widest = Ways().back();
+  EXPECT_EQ(here.hashStretch, widest.hashStretch);
+  EXPECT_EQ(here.passLiterals, widest.passLiterals);
+}
+
 }  // namespace
