@@ -369,6 +369,15 @@ TEST_F(ProtectedInfoExTest, GptFieldsAreFilled) {
   }
 }
 
+TEST_F(ProtectedInfoExTest, GptWithoutAProtectiveMbrSaysSo) {
+  Bytes tables = GptDisk();
+  tables[450] = 7;  // the type of the MBR's first entry
+  Write(DiskFields(2, 2), tables);
+  const Info info = Get();
+  EXPECT_EQ(info.memory[88], 1);  // the partition is found all the same
+  EXPECT_EQ(info.memory[141], 0);
+}
+
 TEST_F(ProtectedInfoExTest, GptImagesWithoutThePartitionHaveItsFieldsZero) {
   Write(DiskFields(2, 0), GptDisk());
   const Info info = Get();
