@@ -29,14 +29,15 @@ constexpr std::uint64_t kSplitBytes = 240 * kMebibyte;
 
 // Words of letters: it compresses about as documents do.
 std::vector<std::uint8_t> Text(std::size_t size) {
-  std::mt19937 random(1);
-  std::vector<std::uint8_t> text(size);
-  for (std::size_t at = 0; at < size;) {
-    std::mt19937 word(random() % 4000);
-    for (auto length = 2 + word() % 9; length > 0 && at < size; --length) {
-      text[at++] = static_cast<std::uint8_t>('a' + word() % 26);
+  std::mt19937_64 random(1);
+  std::vector<std::uint64_t> words(4000);
+  for (std::uint64_t& word : words) word = random();
+  std::vector<std::uint8_t> text(size, ' ');
+  for (std::size_t at = 0; at < size; ++at) {
+    std::uint64_t word = words[random() % words.size()];
+    for (auto length = 2 + word % 9; length > 0 && at < size; --length, word /= 26) {
+      text[at++] = static_cast<std::uint8_t>('a' + word % 26);
     }
-    if (at < size) text[at++] = ' ';
   }
   return text;
 }

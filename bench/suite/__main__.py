@@ -1,6 +1,7 @@
 """The driver behind scripts/bench, which installs and builds before."""
 
 import argparse
+import os
 import resource
 import shutil
 import sys
@@ -8,6 +9,7 @@ import time
 
 from . import growth, increments, inside, memory, random_reads, whole_volumes
 from .report import Report, read_remarks, render
+from .running import Failed
 from .setting import BUILD, ROOT, Setting, machine_facts, make_folder
 from .volumes import Volumes
 
@@ -57,15 +59,24 @@ def main():
         shutil.rmtree(setting.folder)
 
 
+def children_cpu_seconds():
+    now = os.times()
+    return now.children_user + now.children_system
+
+
 def measure_all(setting, groups, results):
     start = time.monotonic()
     facts = machine_facts(setting)
     volumes = Volumes(setting)
     report = Report()
     for name in groups:
-        began = time.monotonic()
-        GROUPS[name](setting, report, volumes)
-        print(f"{name}: {time.monotonic() - began:.0f} s", flush=True)
+        began, cpu = time.monotonic(), children_cpu_seconds()
+        try:
+            GROUPS[name](setting, report, volumes)
+        except Failed as problem:
+            report.lost(f"group.{name}", f"all of group {name}", problem)
+        print(f"{name}: {time.monotonic() - began:.0f} s, of processors "
+              f"{children_cpu_seconds() - cpu:.0f} s", flush=True)
     facts += [("Made", time.strftime("%Y-%m-%d %H:%M")),
               ("Took", f"{(time.monotonic() - start) / 60:.1f} minutes without the build")]
     results.mkdir(parents=True, exist_ok=True)

@@ -25,19 +25,23 @@ class Measured:
     def median_seconds(self):
         return statistics.median(self.seconds)
 
+    @property
+    def best_seconds(self):
+        return min(self.seconds)
+
     def median(self, counter):
         return statistics.median(record[counter] for record in self.records)
 
 
-def run_benchmarks(setting, name, pattern, repetitions=None, min_time=None):
-    """Gives Measured by the benchmark's name. With repetitions, those of all benchmarks take turns.
-    Raises Failed."""
+def run_benchmarks(setting, name, pattern, repetitions=None, min_time=None, in_turn=True):
+    """Gives Measured by the benchmark's name. The repetitions of all benchmarks take turns, unless
+    they are not compared. Raises Failed."""
     result = setting.folder / f"{name}.json"
     command = [bench_program(name), f"--benchmark_filter={pattern}",
                f"--benchmark_out={result}", "--benchmark_out_format=json"]
     if repetitions:
         command += [f"--benchmark_repetitions={repetitions}",
-                    "--benchmark_enable_random_interleaving=true"]
+                    f"--benchmark_enable_random_interleaving={str(in_turn).lower()}"]
     if min_time:
         command.append(f"--benchmark_min_time={min_time}")
     os.environ["KQ_BENCH_FOLDER"] = str(setting.folder)

@@ -21,7 +21,8 @@ def inside(setting, report, volumes):
         try:
             rows += measure(setting, report, volumes)
         except Failed as problem:
-            rows.append([measure.__name__.replace("_", " "), f"not measured: {problem}", "", "", ""])
+            part = measure.__name__
+            report.lost(f"inside.{part}", part.replace("_", " "), problem)
     section.table(COLUMNS, rows)
 
 

@@ -5,6 +5,9 @@ from dataclasses import dataclass, field
 from .running import Samples
 
 
+TEXT_COLUMNS = {"remark", "what it does besides"}
+
+
 @dataclass
 class Goal:
     key: str  # by which bench/remarks.txt knows it
@@ -23,8 +26,8 @@ class Section:
         self.parts.append(paragraph)
 
     def table(self, columns, rows):
-        lines = ["| " + " | ".join(columns) + " |",
-                 "|---" + "|---:" * (len(columns) - 1) + "|"]
+        marks = ["---" if column in TEXT_COLUMNS else "---:" for column in columns[1:]]
+        lines = ["| " + " | ".join(columns) + " |", "|" + "|".join(["---", *marks]) + "|"]
         lines += ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows]
         self.parts.append("\n".join(lines))
 
@@ -46,6 +49,10 @@ class Report:
 
     def at_most(self, key, what, value, bound, unit=""):
         self._goal(key, what, "at most", value, bound, unit, lambda: value <= bound)
+
+    def lost(self, key, what, problem):
+        """Goals that could not be measured, all in one."""
+        self.goals.append(Goal(key, what, "", str(problem), None))
 
     def _goal(self, key, what, relation, value, bound, unit, holds):
         measured = "not measured" if value is None else f"{number(value)}{unit}"
@@ -108,7 +115,8 @@ def read_remarks(path):
 def goal_rows(goals, remarks):
     said = {True: "yes", False: "**no**", None: "not measured"}
     for goal in goals:
-        remark = "" if goal.met else remarks.get(goal.key, f"no remark yet (`{goal.key}`)")
+        missing = f"no remark yet (`{goal.key}`)" if goal.met is False else ""
+        remark = "" if goal.met else remarks.get(goal.key, missing)
         yield [goal.what, goal.bound, goal.measured, said[goal.met], remark]
 
 

@@ -26,13 +26,15 @@ class Run:
 
 @dataclass
 class Contender:
-    """A command to measure. What matches a pattern of outputs is removed before each run."""
+    """A command to measure. Outputs are removed with all files whose names begin with theirs,
+    before each run and behind it."""
 
     name: str
     command: list
     outputs: list = field(default_factory=list)
     note: str = ""  # what it does that the others don't
     accepts: tuple = (0,)  # exit statuses
+    keep: bool = False  # the outputs of the last run
 
 
 @dataclass
@@ -88,15 +90,18 @@ def last_line(file):
     return next((line.strip()[:160] for line in reversed(lines) if line.strip()), "")
 
 
-def remove_outputs(patterns):
-    for pattern in patterns:
-        for path in glob.glob(glob.escape(str(pattern)) + "*"):
-            os.unlink(path)
+def outputs_of(names):
+    """All files whose names begin with one of the given ones."""
+    return [path for name in names for path in glob.glob(glob.escape(str(name)) + "*")]
 
 
-def output_bytes(patterns):
-    return sum(os.stat(path).st_blocks * 512 for pattern in patterns
-               for path in glob.glob(glob.escape(str(pattern)) + "*"))
+def remove_outputs(names):
+    for path in outputs_of(names):
+        os.unlink(path)
+
+
+def output_bytes(names):
+    return sum(os.stat(path).st_blocks * 512 for path in outputs_of(names))
 
 
 def read_once(*paths):
@@ -124,6 +129,8 @@ def measure_in_turn(contenders, runs, check=None):
             except Failed as problem:
                 samples.failure = str(problem)
             samples.output_bytes = output_bytes(contender.outputs)
+            if not contender.keep:
+                remove_outputs(contender.outputs)
     return results
 
 

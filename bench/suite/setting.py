@@ -29,8 +29,8 @@ def bench_program(name):
 
 
 def room_needed(volume_mib):
-    """Bytes: volumes, what each peer makes of one, and a sparse file of a million extents."""
-    return 7 * volume_mib * (1 << 20) + 5 * GIB
+    """Bytes: two volumes, an image of one by each program, and what is being measured."""
+    return 8 * volume_mib * (1 << 20) + 2 * GIB
 
 
 def make_folder(chosen, volume_mib):

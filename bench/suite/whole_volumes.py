@@ -1,6 +1,7 @@
 """Whole volumes into images and back, beside programs that do the same: groups create, restore and
 cipher."""
 
+from .plots import bar_plot
 from .report import contest, ratio
 from .running import Contender, Failed, Samples, measure_in_turn, remove_outputs, run_command, \
     same_bytes
@@ -82,17 +83,20 @@ def create(setting, report, volumes):
         for peer, bound in bounds.items():
             report.at_least(f"create.{name}.{peer}", f"create lzo, {name}: speed to {peer}",
                             ratio(results[LZO], results[peer]), bound)
-        contenders = plain(volume, setting.folder)
-        results = measure_in_turn(contenders, setting.runs)
+        copies = measure_in_turn(plain(volume, setting.folder), setting.runs)
         section.text(f"Not compressed, volume {name}:")
-        contest(section, results, results[NONE], setting.volume_mib)
+        contest(section, copies, copies[NONE], setting.volume_mib)
         for peer in (CP_SPARSE, CP):
             report.at_most(f"create.{name}.{peer}", f"create none, {name}: time to {peer}",
-                           ratio(results[peer], results[NONE]), 1.2)
-        for contender in contenders:
-            remove_outputs(contender.outputs)
-        for contender in compressing(volume, setting.folder):
-            remove_outputs(contender.outputs)
+                           ratio(copies[peer], copies[NONE]), 1.2)
+        plot(setting, section, f"create-{name}", results | copies)
+
+
+def plot(setting, section, name, results):
+    bar_plot(setting, name, "seconds",
+             [(each.name, each.median, min(each.values), max(each.values))
+              for each in results.values() if each.median is not None])
+    section.plot(f"{name}.png", f"seconds of each program, {name}")
 
 
 def restore(setting, report, volumes):
@@ -118,7 +122,8 @@ def restore(setting, report, volumes):
         for peer in (QEMU_ZLIB, QEMU_ZSTD, EWF, LZOP):
             report.at_least(f"restore.{name}.{peer}", f"restore lzo, {name}: speed to {peer}",
                             ratio(results[LZO], results[peer]), 1)
-        for contender in made + contenders:
+        plot(setting, section, f"restore-{name}", results)
+        for contender in made:
             remove_outputs(contender.outputs)
 
 
@@ -137,9 +142,9 @@ def cipher(setting, report, volumes):
     plain_image, secret_image = setting.folder / "plain.twf", setting.folder / "secret.twf"
     plain_raw, secret_raw = setting.folder / "plain.raw", setting.folder / "secret.raw"
     made = [
-        Contender("create lzo", kqimage_create(files, plain_image), [plain_image]),
+        Contender("create lzo", kqimage_create(files, plain_image), [plain_image], keep=True),
         Contender("create lzo, aes256", kqimage_create(files, secret_image, *PASSWORD_OPTIONS, key),
-                  [secret_image]),
+                  [secret_image], keep=True),
     ]
     results = measure_in_turn(made, setting.runs)
     restore_command = [KQIMAGE, "restore", "--quiet"]
@@ -156,5 +161,4 @@ def cipher(setting, report, volumes):
         contest(section, pair, ours, setting.volume_mib)
         report.at_most(f"cipher.{verb}", f"{verb}, aes256: time to the plain run",
                        ratio(ours, pair[f"{verb} lzo, aes256"]), bound)
-    for contender in made + restored:
-        remove_outputs(contender.outputs)
+    remove_outputs([plain_image, secret_image])
