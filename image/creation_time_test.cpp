@@ -9,6 +9,21 @@
 
 namespace {
 
+thread_local bool localTimeIsHad = true;
+
+}  // namespace
+
+// The linker sends the room's calls here (CMakeLists.txt).
+extern "C" {
+tm* __real_localtime_r(const time_t* time, tm* local);
+tm* __wrap_localtime_r(const time_t* time, tm* local);
+tm* __wrap_localtime_r(const time_t* time, tm* local) {
+  return localTimeIsHad ? __real_localtime_r(time, local) : nullptr;
+}
+}
+
+namespace {
+
 constexpr std::uint64_t kTicksAt1970 = 116444736000000000;
 constexpr std::int64_t kTicksPerMinute = 600000000;
 
@@ -102,6 +117,14 @@ TEST(StampCreationTime, DaylightBiasIsZeroWhileItIsNotInForce) {
 TEST(StampCreationTime, EachStampLooksAtTheZoneAnew) {
   EXPECT_EQ(StampedIn("AAA1").TimeZoneBias, 60);
   EXPECT_EQ(StampedIn("BBB2").TimeZoneBias, 120);
+}
+
+TEST(StampCreationTime, WithoutLocalTimeItIsUtcWithoutBiases) {
+  localTimeIsHad = false;
+  const ImageHeader stamped = StampedIn("STD-1DST,0/0,J365/25");
+  localTimeIsHad = true;
+  EXPECT_EQ(stamped.TimeZoneBias, 0);
+  EXPECT_EQ(stamped.DaylightBias, 0);
 }
 
 }  // namespace
