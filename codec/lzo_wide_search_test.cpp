@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "codec/lzo_block.h"
 #include "codec/lzo_model.h"
 #include "codec/lzo_test_data.h"
@@ -68,16 +70,19 @@ TEST(LzoHashStretch, EachWayFollowsTheFormulaAndReadsThreeBytesBeyond) {
     // No byte more than may be read, so that a sanitizer sees one that is.
     const Bytes bytes = kqtest::RandomBytes(&random, count + 3);
     for (const kq::LzoWideSearch& way : Ways()) {
-      std::vector<std::uint16_t> slots(count + 1, 0xA5A5);
-      way.hashStretch(bytes.data(), count, slots.data());
+      kq::LzoStretchSlots slots;
+      std::memset(&slots, 0xA5, sizeof slots);
+      way.hashStretch(bytes.data(), count, &slots);
       for (std::size_t i = 0; i < count; ++i) {
         std::uint32_t h = bytes[i + 3];
         h = h << 6 ^ bytes[i + 2];
         h = h << 5 ^ bytes[i + 1];
         h = h << 5 ^ bytes[i];
-        ASSERT_EQ(slots[i], (h * 33 >> 5) & 0x7FFF) << i << " of " << count;
+        ASSERT_EQ(slots.first[i], (h * 33 >> 5) & 0x7FFF) << i << " of " << count;
+        ASSERT_EQ(slots.second[i], (h * 33 >> 5 & 0x7FF) ^ 0x401F) << i << " of " << count;
       }
-      ASSERT_EQ(slots[count], 0xA5A5);
+      ASSERT_EQ(slots.first[count], 0xA5A5);
+      ASSERT_EQ(slots.second[count], 0xA5A5);
     }
   }
 }
@@ -110,9 +115,8 @@ TEST(LzoBlockCompressWith, EachWayGivesTheModelsBytesForAllKindsOfData) {
   }
 }
 
-// A match whose source lies in the same group of positions, or in the one before, depends on an
-// entry that has only just been made.
-TEST(LzoBlockCompressWith, MatchesWithinAGroupOfPositionsAreFound) {
+// A match whose source lies so near depends on an entry that has only just been made.
+TEST(LzoBlockCompressWith, MatchesWithinTheLastSixteenPositionsAreFound) {
   const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
@@ -129,7 +133,7 @@ TEST(LzoBlockCompressWith, MatchesAtTheBoundsOfDistanceAreFoundInNoise) {
       NoiseWithEchoes(&random, 250000, [&] { return kBounds[random() % 3] - 2 + random() % 5; }));
 }
 
-// Slots are few here: nearly every group of positions meets itself in one.
+// Slots are few here: positions that lie together meet in them.
 TEST(LzoBlockCompressWith, PositionsThatMeetInASlotAreEnteredInTurn) {
   const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
@@ -154,7 +158,6 @@ TEST(LzoBlockCompressWith, PeriodicDataOfEachPeriod) {
   }
 }
 
-// Stretches of literals that end in a match at each place of a group.
 TEST(LzoBlockCompressWith, LiteralsOfEachCountBeforeAMatch) {
   Random random(4);
   for (std::size_t count = 0; count < 150; ++count) {
@@ -189,7 +192,7 @@ TEST(LzoWideSearchHere, IsTheWidestThatTheProcessorHas) {
   const kq::LzoWideSearch here = kq::LzoWideSearchHere();
   const kq::LzoWideSearch widest = Ways().back();
   EXPECT_EQ(here.hashStretch, widest.hashStretch);
-  EXPECT_EQ(here.passLiterals, widest.passLiterals);
+  EXPECT_EQ(here.searchStretch, widest.searchStretch);
 }
 
 }  // namespace
