@@ -13,6 +13,11 @@ build_packages=(
 )
 check_packages=(clang clang-format clang-tidy)
 
+# A compiler cache is used where there is one.
+if command -v ccache >/dev/null; then
+  export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
+
 # install_packages NAME...: installs those that are missing.
 install_packages() {
   local missing=() package
