@@ -30,23 +30,16 @@ KQ_API KQStatus KQNewImageFileCreate2(const void* headerTemplate, uint32_t templ
   const std::uint32_t sectorSize = kq::LoadU32(bytes + offsetof(ImageHeader, SectorSize));
   if (sectorSize == 0) return KQ_FAIL(kInvalidParameter);
 
-  // A template shorter than its first sector wraps around to a header of more than 1 MiB, which is
-  // refused before anything of it is copied.
-  const std::uint32_t furtherSectors = (templateBytes - sectorSize) / sectorSize;
   kq::NewImageFileOwner image;
-  KQ_RETURN_IF_FAILED(kq::PrepareHeader(bytes, bytes + sectorSize, furtherSectors, &image));
-  ImageHeader* header = image->header();
-  KQ_RETURN_IF_FAILED(kq::DecryptTemplateSectors(image->SectorSize, image->Header.data(),
-                                                 image->headerBytes(), password));
-  if (image->HasExtendedRecord) {
-    const ExtendedRecord& record = image->ExtendedRecord;
-    image->ReplaceCarriedValues = true;
-    image->CarriedValues[0] = carriedValue1 != nullptr ? *carriedValue1 : record.CarriedValue1;
-    image->CarriedValues[1] = carriedValue2 != nullptr ? *carriedValue2 : record.CarriedValue2;
-  }
-  KQ_RETURN_IF_FAILED(kq::AssignImageIdentifiers(header, imageId));
-  if (sourceSize != nullptr) header->SourceSize = *sourceSize;
-  KQ_RETURN_IF_FAILED(kq::OpenNewImageFile(image.get(), fileName, password));
+  KQ_RETURN_IF_FAILED(kq::CreateNewImageFile({.headerTemplate = bytes,
+                                              .templateBytes = templateBytes,
+                                              .password = password,
+                                              .fileName = fileName,
+                                              .sourceSize = sourceSize,
+                                              .carriedValue1 = carriedValue1,
+                                              .carriedValue2 = carriedValue2,
+                                              .imageId = imageId},
+                                             &image));
   *handle = reinterpret_cast<std::uintptr_t>(image.release());
   return kq::Success();
 }

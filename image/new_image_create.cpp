@@ -187,4 +187,32 @@ KQStatus OpenNewImageFile(NewImageFile* image, const char* fileName, const char*
   return Success();
 }
 
+KQStatus CreateNewImageFile(const NewImageOrder& order, NewImageFileOwner* image) {
+  const std::uint32_t sectorSize =
+      LoadU32(order.headerTemplate + offsetof(ImageHeader, SectorSize));
+  // A template shorter than its first sector wraps around to a header of more than 1 MiB, which is
+  // refused before anything of it is copied.
+  const std::uint32_t furtherSectors = (order.templateBytes - sectorSize) / sectorSize;
+  NewImageFileOwner made;
+  KQ_RETURN_IF_FAILED(PrepareHeader(order.headerTemplate, order.headerTemplate + sectorSize,
+                                    furtherSectors, &made));
+  ImageHeader* header = made->header();
+  KQ_RETURN_IF_FAILED(DecryptTemplateSectors(made->SectorSize, made->Header.data(),
+                                             made->headerBytes(), order.password));
+  if (made->HasExtendedRecord) {
+    const ::ExtendedRecord& record = made->ExtendedRecord;
+    const auto choose = [](const std::uint64_t* given, std::uint64_t old) {
+      return given != nullptr ? *given : old;
+    };
+    made->ReplaceCarriedValues = true;
+    made->CarriedValues[0] = choose(order.carriedValue1, record.CarriedValue1);
+    made->CarriedValues[1] = choose(order.carriedValue2, record.CarriedValue2);
+  }
+  KQ_RETURN_IF_FAILED(AssignImageIdentifiers(header, order.imageId));
+  if (order.sourceSize != nullptr) header->SourceSize = *order.sourceSize;
+  KQ_RETURN_IF_FAILED(OpenNewImageFile(made.get(), order.fileName, order.password));
+  *image = std::move(made);
+  return Success();
+}
+
 }  // namespace kq

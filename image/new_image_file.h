@@ -106,6 +106,22 @@ KQStatus AssignImageIdentifiers(ImageHeader* header, const std::uint8_t* imageId
 // UTF-8 or no randomness; -6000; or errno mapped. After a failure the object can only be destroyed.
 KQStatus OpenNewImageFile(NewImageFile* image, const char* fileName, const char* password);
 
+// What a client asks for; all but the template and the file's name may be null.
+struct NewImageOrder {
+  const std::uint8_t* headerTemplate = nullptr;
+  std::uint32_t templateBytes = 0;  // at least the fields up to SectorSize, which is not 0
+  const char* password = nullptr;
+  const char* fileName = nullptr;
+  const std::uint64_t* sourceSize = nullptr;
+  const std::uint64_t* carriedValue1 = nullptr;
+  const std::uint64_t* carriedValue2 = nullptr;
+  const std::uint8_t* imageId = nullptr;
+};
+
+// The whole road from a template to an open file, with the statuses of the steps above. *image is
+// left alone on failure.
+KQStatus CreateNewImageFile(const NewImageOrder& order, NewImageFileOwner* image);
+
 // Takes size bytes at the volume's byte offset. Both should be whole sectors: a piece's run counts
 // whole sectors only.
 //

@@ -150,15 +150,20 @@ void Create(const CreateOptions& options) {
   }
   AddHeaderSectors(header, OriginSectors(origin, header.sectorSize), password.CString());
   ImageOutput output(options.image, options.common.Output());
-  ImageWriter writer(output.WritePath(), options.image, header, source.Size(), password.CString());
+  ImageWriter writer(header, {.path = output.WritePath(),
+                              .name = options.image,
+                              .volumeSize = source.Size(),
+                              .password = password.CString(),
+                              .comment = options.common.comment,
+                              .withSum = output.WantsSum()});
   double seconds = 0;
   {
     Progress progress("Imaging", source.Size(), options.common.quiet);
     StoreVolume(source, writer, progress);
-    writer.Finish(options.common.comment, {});
+    writer.Finish({});
     seconds = progress.SecondsSoFar();
   }
-  output.Commit();
+  output.Commit(writer.Sum());
   if (options.common.quiet) return;
   fmt::print("{}: full image of {}, {} of {} stored in {}, {:.1f} s\n", Printable(options.image),
              SourceName(options.source), SizeText(writer.StoredBytes()), SizeText(source.Size()),

@@ -12,12 +12,11 @@
 #include "kqimage/commands/image_options.h"
 #include "kqimage/commands/search_option.h"
 #include "kqimage/image/chain_finder.h"
-#include "kqimage/image/chain_reader.h"
+#include "kqimage/image/chain_readers.h"
 #include "kqimage/image/image_output.h"
 #include "kqimage/image/image_writer.h"
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/block_compare.h"
-#include "kqimage/pieces/volume_pieces.h"
 #include "kqimage/system/file_identity.h"
 #include "kqimage/system/next_name.h"
 #include "kqimage/terminal/failure.h"
@@ -85,12 +84,10 @@ void RefuseUselessPassword(const IncrementOptions& options, const Chain& chain) 
                   Printable(options.image)));
 }
 
-void StoreDifferences(const VolumeSource& source, const ChainReader& chain, ImageWriter& writer,
+void StoreDifferences(const VolumeSource& source, const ChainReaders& chain, ImageWriter& writer,
                       Progress& progress) {
   ReadAhead newPieces(source.Pieces(VolumeSource::Holes::kCellByCell));
-  ReadAhead oldPieces(VolumePieces(
-      source.Size(),
-      [&chain](std::uint64_t offset, std::span<std::byte> bytes) { chain.Read(offset, bytes); }));
+  ReadAhead oldPieces(chain.Pieces(source.Size(), ChainReaders::Damage::kIgnored));
   while (const Piece* now = newPieces.Next()) {
     ThrowIfInterrupted();
     const Piece* before = oldPieces.Next();
@@ -143,21 +140,27 @@ void Increment(const IncrementOptions& options) {
   CheckCommentFits(header, options.common.comment);
   Password password;
   ObtainChainPassword(options.password, chain, password);
-  const ChainReader reader(chain, password.CString());
+  const ChainReaders readers(chain, password.CString());
+  const ChainReader& reader = readers.First();
 
   ImageOutput output(out, options.common.Output());
-  ImageWriter writer(output.WritePath(), out, header, source.Size(), password.CString());
+  ImageWriter writer(header, {.path = output.WritePath(),
+                              .name = out,
+                              .volumeSize = source.Size(),
+                              .password = password.CString(),
+                              .comment = options.common.comment,
+                              .withSum = output.WantsSum()});
   double seconds = 0;
   {
     Progress progress("Comparing", source.Size(), options.common.quiet);
-    StoreDifferences(source, reader, writer, progress);
+    StoreDifferences(source, readers, writer, progress);
     if (writer.StoredBytes() == 0 && source.Size() != reader.VolumeSize()) {
       StoreUnchangedBlock(reader, source.Size(), writer);
     }
-    if (writer.StoredBytes() > 0) writer.Finish(options.common.comment, chain);
+    if (writer.StoredBytes() > 0) writer.Finish(chain);
     seconds = progress.SecondsSoFar();
   }
-  if (writer.StoredBytes() > 0) output.Commit();
+  if (writer.StoredBytes() > 0) output.Commit(writer.Sum());
   if (options.common.quiet) return;
   if (reader.TakesAnyPassword()) PrintPasswordDoubt();
   PrintReadingDoubt(header, out);

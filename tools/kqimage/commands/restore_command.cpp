@@ -8,9 +8,8 @@
 #include "kqimage/commands/commands.h"
 #include "kqimage/commands/image_options.h"
 #include "kqimage/commands/search_option.h"
-#include "kqimage/image/chain_reader.h"
+#include "kqimage/image/chain_readers.h"
 #include "kqimage/password/password_options.h"
-#include "kqimage/pieces/volume_pieces.h"
 #include "kqimage/system/file_identity.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/interrupt.h"
@@ -40,11 +39,8 @@ struct RestoreOptions {
   bool quiet = false;
 };
 
-void WriteVolume(ChainReader& reader, VolumeTarget& target, Progress& progress) {
-  ReadAhead pieces(VolumePieces(reader.VolumeSize(),
-                                [&reader](std::uint64_t offset, std::span<std::byte> bytes) {
-                                  reader.ReadWhole(offset, bytes);
-                                }));
+void WriteVolume(const ChainReaders& readers, VolumeTarget& target, Progress& progress) {
+  ReadAhead pieces(readers.Pieces(readers.First().VolumeSize(), ChainReaders::Damage::kFound));
   while (const Piece* piece = pieces.Next()) {
     ThrowIfInterrupted();
     target.Write(piece->offset, piece->Bytes());
@@ -67,7 +63,8 @@ void Restore(const RestoreOptions& options) {
   RefuseUnreadable(chain);
   Password password;
   ObtainChainPassword(options.password, chain, password);
-  ChainReader reader(chain, password.CString());
+  const ChainReaders readers(chain, password.CString());
+  const ChainReader& reader = readers.First();
   if (reader.VolumeSize() == 0) {
     throw Failure(fmt::format("{} does not say how large its volume is", Printable(newest)));
   }
@@ -76,7 +73,7 @@ void Restore(const RestoreOptions& options) {
   double seconds = 0;
   try {
     Progress progress("Restoring", reader.VolumeSize(), options.quiet);
-    WriteVolume(reader, target, progress);
+    WriteVolume(readers, target, progress);
     seconds = progress.SecondsSoFar();
   } catch (const Failure& failure) {
     if (!target.IsDevice()) throw;

@@ -23,13 +23,12 @@ class ChunkCountCheckTest : public testing::Test {
     folder_ = pattern;
     std::vector<std::byte> bytes(kWritten);
     for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = std::byte((i * i >> 7) & 0x3F);
-    ImageWriter writer(Path(), Path(),
-                       MakeBaseTemplate(512, KQ_COMPRESSION_LZW, KQ_ENCRYPTION_NONE), kWritten,
-                       nullptr);
+    ImageWriter writer(MakeBaseTemplate(512, KQ_COMPRESSION_LZW, KQ_ENCRYPTION_NONE),
+                       {.path = Path(), .name = Path(), .volumeSize = kWritten});
     for (std::size_t at = 0; at < bytes.size(); at += 65536) {
       writer.Write(at, std::span(bytes).subspan(at, 65536));
     }
-    writer.Finish("", {});
+    writer.Finish({});
   }
   void TearDown() override { std::filesystem::remove_all(folder_); }
 

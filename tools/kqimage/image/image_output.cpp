@@ -22,13 +22,17 @@ ImageOutput::ImageOutput(const std::string& path, const ImageOutputOptions& opti
       options_(options),
       file_(path, Checked(path, options), OutputFile::Growth::kUnderFinalName) {}
 
-void ImageOutput::Commit() {
+void ImageOutput::Commit(std::optional<std::string> digest) {
   ThrowIfInterrupted();
-  Progress progress("Hashing", std::filesystem::file_size(WritePath()), options_.quiet);
-  CommitWithSum(file_, path_, options_.existing, options_.withSum, [&](std::uint64_t done) {
-    ThrowIfInterrupted();
-    progress.Update(done);
-  });
+  if (options_.withSum && !digest) {
+    Progress progress("Hashing", std::filesystem::file_size(WritePath()), options_.quiet);
+    digest = Sha256OfFile(WritePath(), [&](std::uint64_t done) {
+      ThrowIfInterrupted();
+      progress.Update(done);
+    });
+  }
+  if (!options_.withSum) digest.reset();
+  CommitWithSum(file_, path_, options_.existing, digest);
 }
 
 }  // namespace kqimage

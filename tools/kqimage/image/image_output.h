@@ -2,6 +2,7 @@
 #ifndef KQIMAGE_IMAGE_IMAGE_OUTPUT_H
 #define KQIMAGE_IMAGE_IMAGE_OUTPUT_H
 
+#include <optional>
 #include <string>
 
 #include "kqimage/system/output_file.h"
@@ -21,8 +22,11 @@ class ImageOutput {
 
   const std::string& WritePath() const { return file_.WritePath(); }
 
-  // For the finished image. Throws Interrupted as well, and then leaves nothing.
-  void Commit();
+  bool WantsSum() const { return options_.withSum; }
+
+  // For the finished image, whose SHA-256 the caller may know; otherwise the file is read for it.
+  // Throws Interrupted as well, and then leaves nothing.
+  void Commit(std::optional<std::string> digest = {});
 
  private:
   std::string path_;

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "kqimage/image/chunk_count_check.h"
 #include "kqimage/pieces/block_compare.h"
@@ -11,17 +10,6 @@
 #include "kqimage/terminal/text.h"
 
 namespace kqimage {
-namespace {
-
-// Handles of images that were given up. They stay referred to until the process ends, so that a
-// leak checker can tell them from memory that was lost.
-std::vector<std::uint64_t>& GivenUp() {
-  static auto* handles = new std::vector<std::uint64_t>;
-  return *handles;
-}
-
-}  // namespace
-
 void PrintReadingDoubt(const HeaderTemplate& header, const std::string& image) {
   const std::uint32_t type = header.Fields().CompressionType;
   if (IsReadable(type)) return;
@@ -29,30 +17,19 @@ void PrintReadingDoubt(const HeaderTemplate& header, const std::string& image) {
              CompressionText(type));
 }
 
-ImageWriter::ImageWriter(const std::string& path, const std::string& name,
-                         const HeaderTemplate& header, std::uint64_t volumeSize,
-                         const char* password)
-    : path_(path),
-      name_(name),
-      password_(password),
+ImageWriter::ImageWriter(const HeaderTemplate& header, const Wish& wish)
+    : wish_(wish),
       sectorSize_(header.sectorSize),
       compressionType_(header.Fields().CompressionType) {
-  GivenUp().reserve(GivenUp().size() + 1);
-  Check(KQNewImageFileCreate2(header.bytes.data(), static_cast<std::uint32_t>(header.bytes.size()),
-                              password, path.c_str(), &volumeSize, nullptr, nullptr, nullptr,
-                              &handle_),
-        "create the image", name);
-}
-
-ImageWriter::~ImageWriter() {
-  if (handle_ != 0) GivenUp().push_back(handle_);
+  Check(pipeline_.Open(wish_.path, header.bytes, wish_.password, wish_.volumeSize,
+                       wish_.comment.c_str(), {.withSum = wish_.withSum}),
+        "create the image", wish_.name);
 }
 
 void ImageWriter::Write(std::uint64_t offset, std::span<const std::byte> bytes) {
   const std::size_t whole = (bytes.size() + sectorSize_ - 1) / sectorSize_ * sectorSize_;
   bytes = {bytes.data(), whole};
-  Check(KQNewImageFileWrite(handle_, bytes.data(), static_cast<std::uint32_t>(whole), offset),
-        "write the image", name_);
+  Check(pipeline_.Write(offset, bytes), "write the image", wish_.name);
   tail_.Keep(offset, bytes);
   storedBytes_ += whole;
 }
@@ -67,16 +44,21 @@ void ImageWriter::WriteZeros(std::uint64_t offset, std::uint64_t length) {
   }
 }
 
-void ImageWriter::Finish(const std::string& comment, const Chain& parents) {
-  Check(KQNewImageFileClose(handle_, comment.c_str()), "complete the image", name_);
-  handle_ = 0;
+void ImageWriter::Finish(const Chain& parents) {
+  Check(pipeline_.Flush(), "write the image", wish_.name);
+  Check(pipeline_.Finish(), "complete the image", wish_.name);
   if (!IsReadable(compressionType_)) {
-    CheckChunkCount(path_, name_, storedBytes_);
+    CheckChunkCount(wish_.path, wish_.name, storedBytes_);
     return;
   }
   Chain chain = parents;
-  chain.push_back(ReadImageFile(path_));
-  tail_.Verify(ChainReader(chain, password_), name_);
+  chain.push_back(ReadImageFile(wish_.path));
+  tail_.Verify(ChainReader(chain, wish_.password), wish_.name);
+}
+
+std::optional<std::string> ImageWriter::Sum() {
+  if (!wish_.withSum) return std::nullopt;
+  return pipeline_.Sum();
 }
 
 }  // namespace kqimage

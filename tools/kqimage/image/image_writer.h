@@ -1,16 +1,17 @@
-// Writes one new image file through the library.
+// Writes one new image file, with all processors (chunk_pipeline.h).
 //
-// The library has no call that gives up an image. An ImageWriter that is destroyed before Finish
-// leaves the library's object, and the file with its unfinished header, as they are; the OutputFile
-// removes the file, and the process is about to end.
+// An ImageWriter that is destroyed before Finish leaves a file with an unfinished header; the
+// OutputFile removes it.
 #ifndef KQIMAGE_IMAGE_IMAGE_WRITER_H
 #define KQIMAGE_IMAGE_IMAGE_WRITER_H
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
+#include "kqimage/image/chunk_pipeline.h"
 #include "kqimage/image/header_template.h"
 #include "kqimage/image/tail_check.h"
 
@@ -22,13 +23,16 @@ void PrintReadingDoubt(const HeaderTemplate& header, const std::string& image);
 
 class ImageWriter {
  public:
-  // path exists and is overwritten; name is what messages call it. The password is needed if the
-  // header is that of an enciphered image, and stays the caller's until Finish has returned.
-  ImageWriter(const std::string& path, const std::string& name, const HeaderTemplate& header,
-              std::uint64_t volumeSize, const char* password);
-  ~ImageWriter();
-  ImageWriter(const ImageWriter&) = delete;
-  ImageWriter& operator=(const ImageWriter&) = delete;
+  struct Wish {
+    std::string path;  // exists and is overwritten
+    std::string name;  // what messages call the image
+    std::uint64_t volumeSize = 0;
+    // Needed if the header is that of an enciphered image; the caller's until Finish has returned.
+    const char* password = nullptr;
+    std::string comment = {};
+    bool withSum = false;  // compute the file's SHA-256 while it grows
+  };
+  ImageWriter(const HeaderTemplate& header, const Wish& wish);
 
   // Stores bytes at a sector's offset. A length that is no whole number of sectors is rounded up,
   // and the buffer must be readable, and zero, so far.
@@ -39,17 +43,18 @@ class ImageWriter {
 
   // Completes the image and reads its end back, as the newest image upon parents (none for a base).
   // Of an image that can't be read back it is checked that all chunks are there.
-  void Finish(const std::string& comment, const Chain& parents);
+  void Finish(const Chain& parents);
+
+  // Of the finished file; none unless it is wanted.
+  std::optional<std::string> Sum();
 
   std::uint64_t StoredBytes() const { return storedBytes_; }
 
  private:
-  std::string path_;
-  std::string name_;
-  const char* password_;
+  Wish wish_;
   std::uint32_t sectorSize_;
   std::uint32_t compressionType_;
-  std::uint64_t handle_ = 0;
+  ChunkPipeline pipeline_;
   std::uint64_t storedBytes_ = 0;
   TailCheck tail_;
 };

@@ -2,22 +2,19 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <filesystem>
-#include <memory>
-#include <new>
 #include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
 
+#include "kqimage/image/sha256.h"
 #include "kqimage/pieces/read_ahead.h"
 #include "kqimage/system/read_at.h"
 #include "kqimage/system/unique_fd.h"
@@ -30,15 +27,6 @@ namespace {
 constexpr std::size_t kDigits = 64;
 // A file of sums is small; what is larger is none.
 constexpr std::size_t kMaxSumFile = std::size_t{1} << 20;
-
-struct FreeDigest {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
-// libcrypto fails when memory does.
-void Require(bool isDone) {
-  if (!isDone) throw std::bad_alloc();
-}
 
 std::string NameOf(const std::string& path) {
   return std::filesystem::path(path).filename().string();
@@ -99,8 +87,7 @@ std::string Sha256OfFile(const std::string& path, const HashProgress& progress) 
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd) FailErrno(errno, "open", path);
   posix_fadvise(fd.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  const std::unique_ptr<EVP_MD_CTX, FreeDigest> context(EVP_MD_CTX_new());
-  Require(context != nullptr && EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) == 1);
+  Sha256 sum;
   std::uint64_t next = 0;
   ReadAhead pieces([&fd, &path, &next](Piece& piece) {
     piece.offset = next;
@@ -110,12 +97,9 @@ std::string Sha256OfFile(const std::string& path, const HashProgress& progress) 
   });
   while (const Piece* piece = pieces.Next()) {
     progress(piece->offset);
-    Require(EVP_DigestUpdate(context.get(), piece->buffer, piece->Bytes().size()) == 1);
+    sum.Update(piece->Bytes());
   }
-  std::array<std::uint8_t, EVP_MAX_MD_SIZE> digest;
-  unsigned length = 0;
-  Require(EVP_DigestFinal_ex(context.get(), digest.data(), &length) == 1);
-  return HexText(std::span(digest).first(length));
+  return sum.Digits();
 }
 
 std::string SumLine(const std::string& digest, const std::string& name) {
@@ -153,14 +137,13 @@ void RefuseExistingSum(const std::string& path, OutputFile::Existing existing) {
 }
 
 void CommitWithSum(OutputFile& image, const std::string& path, OutputFile::Existing existing,
-                   bool isWanted, const HashProgress& progress) {
+                   const std::optional<std::string>& digest) {
   const std::string sumPath = SumPath(path);
   const bool isReplaced = existing == OutputFile::Existing::kReplace && Exists(path);
   std::optional<OutputFile> sum;
-  if (isWanted) {
-    const std::string digest = Sha256OfFile(image.WritePath(), progress);
+  if (digest) {
     sum.emplace(sumPath, existing, OutputFile::Growth::kUnderPartialName);
-    WriteText(sum->WritePath(), SumLine(digest, NameOf(path)));
+    WriteText(sum->WritePath(), SumLine(*digest, NameOf(path)));
   }
   // At no moment a sum stands beside an image that it is not about.
   if (isReplaced && Exists(sumPath) && unlink(sumPath.c_str()) != 0) {

@@ -39,10 +39,10 @@ StoredSum ReadStoredSum(const std::string& path);
 void RefuseExistingSum(const std::string& path, OutputFile::Existing existing);
 
 // Commits a new image, and its sum with it: complete under its name with the sum beside it, or
-// without one. Nothing is left behind if it throws before the image has its name. With isWanted
-// unset there is no sum, and one of a replaced image goes.
+// without one. Nothing is left behind if it throws before the image has its name. Without a digest
+// there is no sum, and one of a replaced image goes.
 void CommitWithSum(OutputFile& image, const std::string& path, OutputFile::Existing existing,
-                   bool isWanted, const HashProgress& progress);
+                   const std::optional<std::string>& digest);
 
 // Keeps the .sha256 of an image true while its header is mended: made before, completed after. A
 // sum that is not there, tells of other files too or was wrong before is left as it is.

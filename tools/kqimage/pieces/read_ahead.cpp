@@ -1,15 +1,27 @@
 #include "kqimage/pieces/read_ahead.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "kqimage/terminal/interrupt.h"
 
 namespace kqimage {
+namespace {
 
-ReadAhead::ReadAhead(Producer producer) : producer_(std::move(producer)) {
+constexpr std::size_t kFewestBuffers = 3;
+
+}  // namespace
+
+ReadAhead::ReadAhead(Producer producer)
+    : ReadAhead(std::vector<Producer>(1, std::move(producer))) {}
+
+ReadAhead::ReadAhead(std::vector<Producer> producers)
+    : producers_(std::move(producers)), slots_(std::max(kFewestBuffers, producers_.size() + 1)) {
   for (Slot& slot : slots_) slot.buffer = std::make_unique_for_overwrite<std::byte[]>(kPieceBytes);
   const BlockSignals blocked;
-  thread_ = std::thread([this] { Run(); });
+  for (const Producer& producer : producers_) {
+    threads_.emplace_back([this, &producer] { Run(producer); });
+  }
 }
 
 ReadAhead::~ReadAhead() {
@@ -18,48 +30,52 @@ ReadAhead::~ReadAhead() {
     isStopping_ = true;
   }
   changed_.notify_all();
-  thread_.join();
+  for (std::thread& thread : threads_) thread.join();
 }
 
 const Piece* ReadAhead::Next() {
   std::unique_lock lock(mutex_);
   if (isHeld_) {
     isHeld_ = false;
+    SlotOf(released_).isReady = false;
     ++released_;
     changed_.notify_all();
   }
-  changed_.wait(lock, [this] { return produced_ > released_ || isDone_; });
-  if (produced_ > released_) {
+  changed_.wait(lock, [this] { return SlotOf(released_).isReady || released_ >= end_; });
+  if (released_ < end_) {
     isHeld_ = true;
-    return &slots_[released_ % kBuffers].piece;
+    return &SlotOf(released_).piece;
   }
   if (failure_) std::rethrow_exception(failure_);
   return nullptr;
 }
 
-void ReadAhead::Run() {
-  std::exception_ptr failure;
-  try {
-    for (std::uint64_t next = 0;; ++next) {
-      {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return next - released_ < kBuffers || isStopping_; });
-        if (isStopping_) break;
-      }
-      Slot& slot = slots_[next % kBuffers];
-      slot.piece = {.buffer = slot.buffer.get()};
-      if (!producer_(slot.piece)) break;
-      const std::lock_guard lock(mutex_);
-      produced_ = next + 1;
-      changed_.notify_all();
+void ReadAhead::Run(const Producer& producer) {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    changed_.wait(lock, [this] {
+      return claimed_ - released_ < slots_.size() || claimed_ >= end_ || isStopping_;
+    });
+    if (claimed_ >= end_ || isStopping_) return;
+    const std::uint64_t number = claimed_++;
+    Slot& slot = SlotOf(number);
+    lock.unlock();
+    slot.piece = {.number = number, .buffer = slot.buffer.get()};
+    bool isProduced = false;
+    std::exception_ptr failure;
+    try {
+      isProduced = producer(slot.piece);
+    } catch (...) {
+      failure = std::current_exception();
     }
-  } catch (...) {
-    failure = std::current_exception();
+    lock.lock();
+    slot.isReady = isProduced;
+    if (!isProduced && number < end_) {
+      end_ = number;
+      failure_ = failure;
+    }
+    changed_.notify_all();
   }
-  const std::lock_guard lock(mutex_);
-  isDone_ = true;
-  failure_ = failure;
-  changed_.notify_all();
 }
 
 }  // namespace kqimage

@@ -1,15 +1,15 @@
-// Reads pieces of a volume ahead on a thread of its own.
+// Reads pieces of a volume ahead on threads of its own.
 //
-// A producer fills buffer after buffer, up to kBuffers of them, while the caller works on the piece
-// it was given last; so reading overlaps with what the caller does. The memory is bounded by
-// kBuffers pieces of kPieceBytes. Pieces come in the producer's order.
+// Each producer fills buffers on its thread while the caller works on the piece it was given last;
+// so reading overlaps with what the caller does. The memory is bounded by one piece of kPieceBytes
+// more than there are producers, and at least three. Pieces come in the order of their numbers.
 //
-// The thread owns nothing but the buffers; what the producer refers to must outlive the object.
-// An exception of the producer comes out of Next, behind the pieces produced before it.
+// The threads own nothing but the buffers; what the producers refer to must outlive the object.
+// An exception of a producer comes out of Next, behind the pieces with lower numbers; of several,
+// that of the lowest number.
 #ifndef KQIMAGE_PIECES_READ_AHEAD_H
 #define KQIMAGE_PIECES_READ_AHEAD_H
 
-#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -19,6 +19,7 @@
 #include <mutex>
 #include <span>
 #include <thread>
+#include <vector>
 
 namespace kqimage {
 
@@ -26,6 +27,7 @@ inline constexpr std::size_t kPieceBytes = std::size_t{2} << 20;
 
 // A stretch of the volume.
 struct Piece {
+  std::uint64_t number = 0;  // 0 for the first of the volume
   std::uint64_t offset = 0;
   std::uint64_t length = 0;     // at most kPieceBytes, unless isZero
   bool isZero = false;          // known to read as zero throughout; nothing is in the buffer
@@ -36,10 +38,12 @@ struct Piece {
 
 class ReadAhead {
  public:
-  // Fills in the piece, whose buffer is set; returns false at the end. Called on the thread.
+  // Fills in the piece, whose number and buffer are set; returns false if there is none of this
+  // number. Called on the producer's thread, with rising numbers; a single producer gets them all.
   using Producer = std::function<bool(Piece&)>;
 
   explicit ReadAhead(Producer producer);
+  explicit ReadAhead(std::vector<Producer> producers);
   ~ReadAhead();
   ReadAhead(const ReadAhead&) = delete;
   ReadAhead& operator=(const ReadAhead&) = delete;
@@ -48,26 +52,26 @@ class ReadAhead {
   const Piece* Next();
 
  private:
-  static constexpr std::size_t kBuffers = 3;
-
   struct Slot {
     Piece piece;
     std::unique_ptr<std::byte[]> buffer;
+    bool isReady = false;  // guarded by mutex_
   };
 
-  void Run();
+  void Run(const Producer& producer);
+  Slot& SlotOf(std::uint64_t number) { return slots_[number % slots_.size()]; }
 
-  const Producer producer_;
-  std::array<Slot, kBuffers> slots_;
-  std::mutex mutex_;  // guards all below
+  const std::vector<Producer> producers_;
+  std::vector<Slot> slots_;  // piece n is in slot n % slots_.size()
+  std::mutex mutex_;         // guards all below
   std::condition_variable changed_;
-  std::uint64_t produced_ = 0;  // pieces, counted from the start; piece n is in slot n % kBuffers
-  std::uint64_t released_ = 0;  // pieces that the caller is done with
-  bool isHeld_ = false;         // the caller works on piece released_
-  bool isDone_ = false;         // the producer has ended
-  bool isStopping_ = false;     // the caller wants no more
-  std::exception_ptr failure_;
-  std::thread thread_;
+  std::uint64_t claimed_ = 0;         // pieces that a producer has begun
+  std::uint64_t released_ = 0;        // pieces that the caller is done with
+  std::uint64_t end_ = UINT64_MAX;    // the number that no piece has, or whose producer failed
+  std::exception_ptr failure_;        // of the piece end_
+  bool isHeld_ = false;               // the caller works on piece released_
+  bool isStopping_ = false;           // the caller wants no more
+  std::vector<std::thread> threads_;  // one for each producer
 };
 
 }  // namespace kqimage

@@ -6,12 +6,12 @@
 namespace kqimage {
 
 ReadAhead::Producer VolumePieces(std::uint64_t size, ReadVolume read) {
-  return [size, read = std::move(read), next = std::uint64_t{0}](Piece& piece) mutable {
-    if (next >= size) return false;
-    piece.offset = next;
-    piece.length = std::min<std::uint64_t>(kPieceBytes, size - next);
+  return [size, read = std::move(read)](Piece& piece) {
+    if (piece.number > size / kPieceBytes) return false;
+    piece.offset = piece.number * kPieceBytes;
+    if (piece.offset == size) return false;
+    piece.length = std::min<std::uint64_t>(kPieceBytes, size - piece.offset);
     read(piece.offset, piece.Bytes());
-    next += piece.length;
     return true;
   };
 }

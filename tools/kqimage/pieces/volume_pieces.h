@@ -12,7 +12,8 @@ namespace kqimage {
 
 using ReadVolume = std::function<void(std::uint64_t offset, std::span<std::byte> bytes)>;
 
-// A producer of all pieces from 0 to size.
+// A producer of the pieces from 0 to size. Several, each with a function of its own that reads the
+// same volume, may share the work.
 ReadAhead::Producer VolumePieces(std::uint64_t size, ReadVolume read);
 
 }  // namespace kqimage
