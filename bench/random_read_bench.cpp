@@ -40,7 +40,7 @@ constexpr std::uint64_t kVolumeBytes = 256 << 20;
 constexpr std::uint64_t kWarmBytes = 8 << 20;
 constexpr std::size_t kChangedBlocks = 160;
 constexpr std::size_t kColdReads = 2000;
-constexpr std::size_t kWarmReads = 100'000;
+constexpr std::size_t kWarmReads = 50'000;
 
 Bytes ReadVolume(const char* path) {
   Bytes volume(kVolumeBytes);

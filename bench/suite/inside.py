@@ -1,4 +1,4 @@
-"""The parts of the library beside their peers, through the Google Benchmark programs: group inside."""
+"""The parts of the library beside their peers, through the programs of bench/: group inside."""
 
 import os
 import statistics
@@ -13,8 +13,8 @@ COLUMNS = ["part", "ours", "peer", "ratio", "min .. max of ours"]
 
 def inside(setting, report, volumes):
     section = report.section("Parts of the library")
-    section.text("Medians in MB/s of processor time, ours and the peer's in turn; a ratio above 1 is in our "
-                 "favour. KQNewImageFileWrite, conversion and overlays by the clock.")
+    section.text("Medians in MB/s of processor time, ours and the peer's in turn; a ratio above 1 is "
+                 "in our favour. KQNewImageFileWrite and overlays by the clock.")
     rows = []
     for measure in (lzo, huffman, aes, zeros, sequential_reads, split_chains, new_images,
                     conversions, overlays):
@@ -117,7 +117,8 @@ def split_chains(setting, report, _volumes):
     rows = []
     for compression in ("none", "lzo"):
         for piece in (1 << 20, 64 << 10):
-            thirty, one = (rates(measured[f"ReadSplit/{compression}/files:{files}/piece:{piece}"]) for files in (30, 1))
+            name = f"ReadSplit/{compression}/files:%d/piece:{piece}"
+            thirty, one = rates(measured[name % 30]), rates(measured[name % 1])
             what = f"{compression}, 30 files with every 30th {piece >> 10} KiB"
             rows.append(row(f"{what}, to one file", thirty, one))
             report.at_most(f"inside.split.{compression}.{piece >> 10}", f"{what}: time to one file",

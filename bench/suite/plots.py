@@ -2,7 +2,8 @@
 
 import subprocess
 
-SIZE = "640,420"
+SIZE = "560,360"
+OURS, PEERS = 0x4477AA, 0xBBBBBB
 
 
 def growth_plot(setting, name, axis, series):
@@ -20,16 +21,20 @@ def growth_plot(setting, name, axis, series):
 
 
 def bar_plot(setting, name, axis, bars):
-    """A bar for each (label, median, minimum, maximum)."""
+    """A bar for each (label, median, minimum, maximum); ours stand out."""
     setting.plots.mkdir(parents=True, exist_ok=True)
-    script = [f"set terminal pngcairo size {SIZE} font 'sans,10'",
+    script = [f"set terminal pngcairo size {SIZE} font 'sans,9'",
               f"set output '{setting.plots / name}.png'",
-              "set style fill solid 0.6", "set boxwidth 0.6", "set grid ytics", "set yrange [0:*]",
-              "set xtics rotate by -25", "unset key", f"set ylabel '{axis}'",
-              "plot '-' using 1:3:xtic(2) with boxes, '-' using 1:2:3:4 with yerrorbars "
-              "linecolor 'black' pointtype 0"]
-    script += [f"{i} \"{label}\" {median}" for i, (label, median, _, _) in enumerate(bars)] + ["e"]
-    script += [f"{i} {median} {low} {high}" for i, (_, median, low, high) in enumerate(bars)] + ["e"]
+              "set style fill solid", "set boxwidth 0.6", "set grid ytics", "set yrange [0:*]",
+              "set xtics rotate by -30", "set rmargin 8", "set pointintervalbox 0", "unset key",
+              f"set ylabel '{axis}'",
+              "plot '-' using 1:3:4:xtic(2) with boxes linecolor rgb variable, "
+              "'-' using 1:2:3:4 with yerrorbars linecolor 'black' pointtype -1"]
+    for i, (label, median, _, _) in enumerate(bars):
+        script.append(f'{i} "{label}" {median} {OURS if label.startswith("kqimage") else PEERS}')
+    script.append("e")
+    script += [f"{i} {median} {low} {high}" for i, (_, median, low, high) in enumerate(bars)]
+    script.append("e")
     draw(script)
 
 

@@ -1,4 +1,4 @@
-"""Random reads of 4 KiB: from chains beside qcow2 (group random), and through a mount (group mount)."""
+"""Random reads of 4 KiB: of chains beside qcow2 (group random), through a mount (group mount)."""
 
 import json
 import mmap

@@ -21,7 +21,6 @@ class Run:
     seconds: float
     cpu_seconds: float
     output: str  # what it has printed
-    exit_status: int
 
 
 @dataclass
@@ -81,7 +80,7 @@ def run_command(command, accepts=(0,)):
         printed = output.read().decode(errors="replace")
     cpu = (after.children_user - before.children_user
            + after.children_system - before.children_system)
-    return Run(seconds, cpu, printed, done.returncode)
+    return Run(seconds, cpu, printed)
 
 
 def last_line(file):
