@@ -56,7 +56,7 @@ pid_t Start(const std::vector<std::string>& arguments, const std::string& out,
   argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
-  setsid();
+  BeginOwnSession();
   Redirect(STDOUT_FILENO, out.c_str());
   if (!err.empty()) Redirect(STDERR_FILENO, err.c_str());
   inChild();
@@ -77,6 +77,11 @@ ClientResult Collect(int exitStatus, const Outputs& outputs) {
 }
 
 }  // namespace
+
+void BeginOwnSession() {
+  setsid();
+  for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) std::signal(signal, SIG_DFL);
+}
 
 ClientResult RunClient(const std::vector<std::string>& arguments, const ClientOptions& options) {
   const Outputs outputs;

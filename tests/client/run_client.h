@@ -25,6 +25,10 @@ struct ClientOptions {
 // All programs started here have a session of their own, and so no controlling terminal but one
 // that they are given.
 
+// For the child between fork and exec: gives it that session, and the signals as a login shell
+// leaves them. Who started the tests may ignore some, as nohup does, and a program would keep that.
+void BeginOwnSession();
+
 ClientResult RunClient(const std::vector<std::string>& arguments,
                        const ClientOptions& options = {});
 

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "tests/client/run_client.h"
+
 namespace kqtest {
 
 RunningClient::RunningClient(const std::vector<std::string>& arguments) {
@@ -19,7 +21,7 @@ RunningClient::RunningClient(const std::vector<std::string>& arguments) {
   if (pipe2(out.data(), O_CLOEXEC) != 0 || pipe2(err.data(), O_CLOEXEC) != 0) return;
   pid_ = fork();
   if (pid_ == 0) {
-    setsid();
+    BeginOwnSession();
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     execv(argv[0], argv.data());
