@@ -1,7 +1,10 @@
 #include "image/chunk_cache.h"
 
+#include <utility>
+
 #include "foundation/configuration.h"
 #include "image/bucket_index.h"
+#include "image/open_image_file.h"
 
 namespace kq {
 
@@ -16,6 +19,16 @@ constexpr char kModule[] = "utimagefile";
 
 constinit BucketIndex<ChunkCacheEntry, &ChunkCacheEntry::nextInBucket> chunkIndex
     GUARDED_BY(chunkCacheMutex);
+
+// More than any chunk that our writer makes; larger ones are not worth holding.
+constexpr std::size_t kLargestSpare = 0x400000;
+
+// The chunk that was evicted last, for its memory; in no list any more.
+constinit ChunkCacheEntry* spare GUARDED_BY(chunkCacheMutex) = nullptr;
+
+Owned<ChunkCacheEntry> TakeSpare() REQUIRES(chunkCacheMutex) {
+  return Owned<ChunkCacheEntry>(std::exchange(spare, nullptr));
+}
 
 // Finds an entry and raises its refCount.
 ChunkCacheEntry* FindAndUse(const OpenImageFile* file, std::uint64_t fileOffset)
@@ -57,11 +70,33 @@ void FreeAll(ChunkOrder* entries) {
   }
 }
 
+// The same for what has been evicted, of which the last is kept as the spare one.
+void FreeEvicted(ChunkOrder* evicted) {
+  ChunkCacheEntry* last = evicted->last();
+  if (last != nullptr && last->Chunk.Data.size() <= kLargestSpare) {
+    evicted->Remove(last);
+    const MutexLock lock(chunkCacheMutex);
+    if (spare != nullptr) evicted->PushBack(spare);
+    spare = last;
+  }
+  FreeAll(evicted);
+}
+
 }  // namespace
 
 ChunkCacheEntry* ChunkFind(const OpenImageFile* file, std::uint64_t fileOffset) {
   const MutexLock lock(chunkCacheMutex);
   return FindAndUse(file, fileOffset);
+}
+
+HeapBuffer AllocateChunk(std::uint64_t size) {
+  Owned<ChunkCacheEntry> former;
+  {
+    const MutexLock lock(chunkCacheMutex);
+    if (spare != nullptr && spare->Chunk.Data.size() == size) former = TakeSpare();
+  }
+  return former ? std::move(former->Chunk.Data)
+                : HeapBuffer::AllocateAligned(kSectorAlignment, size);
 }
 
 KQStatus ChunkInsert(const OpenImageFile* file, std::uint64_t fileOffset, ExpandedChunk chunk,
@@ -87,7 +122,7 @@ KQStatus ChunkInsert(const OpenImageFile* file, std::uint64_t fileOffset, Expand
     EvictAboveLimit(&evicted);
     *entry = added;
   }
-  FreeAll(&evicted);
+  FreeEvicted(&evicted);
   return Success();
 }
 
@@ -98,13 +133,15 @@ void ChunkPut(ChunkCacheEntry* entry) {
     if (entry->refCount > 0) --entry->refCount;
     EvictAboveLimit(&evicted);
   }
-  FreeAll(&evicted);
+  FreeEvicted(&evicted);
 }
 
 void PurgeChunks(const OpenImageFile* file) {
   ChunkOrder purged;
+  Owned<ChunkCacheEntry> former;
   {
     const MutexLock lock(chunkCacheMutex);
+    former = TakeSpare();
     for (ChunkCacheEntry* entry = chunkOrder.first(); entry != nullptr;) {
       ChunkCacheEntry* next = ChunkOrder::Next(entry);
       if (entry->File == file) {
@@ -119,6 +156,7 @@ void PurgeChunks(const OpenImageFile* file) {
 
 void ResetChunkCache() {
   const MutexLock lock(chunkCacheMutex);
+  TakeSpare().reset();
   while (!chunkOrder.empty()) {
     ChunkCacheEntry* entry = chunkOrder.first();
     Unlink(entry);

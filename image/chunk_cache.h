@@ -6,6 +6,9 @@
 // it; what it holds never changes. chunkCacheMutex guards the list, the counter and the refCounts.
 // It is held for list work only, never across a read, a decode or a copy.
 //
+// The memory of the chunk that was evicted last is kept for the next one that is decoded, until
+// then or until chunks are purged.
+//
 // A failure leaves the cache as it was. Being over the limit is no failure: entries in use stay.
 #ifndef KQ_IMAGE_CHUNK_CACHE_H
 #define KQ_IMAGE_CHUNK_CACHE_H
@@ -49,6 +52,11 @@ extern std::uint64_t ChunkCacheMaxBytes;                           // constant a
 
 // The chunk at that place of the file with its refCount raised, or null.
 ChunkCacheEntry* ChunkFind(const OpenImageFile* file, std::uint64_t fileOffset);
+
+// Memory for an expanded chunk, not initialised: an evicted chunk's of the same size if there is
+// one. Its pages are there already; new ones would cost a read of an image from end to end more
+// than the reading. Empty: out of memory.
+HeapBuffer AllocateChunk(std::uint64_t size);
 
 // Hands an expanded chunk over, and evicts what is above the limit. *entry comes with its refCount
 // raised; it is another thread's if that was faster. -8 frees the chunk.

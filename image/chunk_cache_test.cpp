@@ -95,6 +95,34 @@ TEST_F(ChunkCacheTest, LeastRecentlyUsedGoesFirst) {
   EXPECT_EQ(CountedBytes(), 250u);
 }
 
+TEST_F(ChunkCacheTest, AnEvictedChunksMemoryIsForTheNextOfItsSize) {
+  ChunkCacheMaxBytes = 150;
+  InsertAndPut(1, 100);
+  ChunkCacheEntry* first = ChunkFind(&file_, 1);
+  const std::uint8_t* memory = first->Chunk.Data.data();
+  ChunkPut(first);
+  InsertAndPut(2, 100);
+  const HeapBuffer other = AllocateChunk(17);
+  EXPECT_EQ(other.size(), 17u);
+  EXPECT_NE(other.data(), memory);
+  const HeapBuffer same = AllocateChunk(16);
+  EXPECT_EQ(same.size(), 16u);
+  EXPECT_EQ(same.data(), memory);
+  const HeapBuffer another = AllocateChunk(16);
+  EXPECT_NE(another.data(), memory);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(another.data()) % kSectorAlignment, 0u);
+}
+
+// An entry stays what it is while another chunk is decoded into the memory of one that is gone.
+TEST_F(ChunkCacheTest, MemoryOfAnEntryInUseIsNobodyElses) {
+  ChunkCacheMaxBytes = 1;
+  ChunkCacheEntry* used = Insert(&file_, 1, 100);
+  InsertAndPut(2, 100);
+  const HeapBuffer next = AllocateChunk(16);
+  EXPECT_NE(next.data(), used->Chunk.Data.data());
+  ChunkPut(used);
+}
+
 TEST_F(ChunkCacheTest, EntryInUseSurvivesAndKeepsTheCacheAboveItsLimit) {
   ChunkCacheMaxBytes = 1;
   ChunkCacheEntry* first = Insert(&file_, 1, 100);

@@ -40,11 +40,12 @@ struct StoredChunk {
   std::uint64_t heldBytes = 0;  // that came from the file
 };
 
-KQStatus ReadStored(const ChunkPlace& place, std::uint64_t storedBytes, bool needsTail,
+KQStatus ReadStored(const ChunkPlace& place, std::uint64_t storedBytes, bool isRaw, bool needsTail,
                     StoredChunk* stored) {
   const std::uint64_t readable = ReadableLength(*place.File, place.FileOffset, storedBytes);
   const std::uint64_t size = needsTail ? std::min(storedBytes, readable + kLongestTail) : readable;
-  stored->bytes = HeapBuffer::AllocateAligned(kSectorAlignment, size);
+  // A raw chunk stays where it is read.
+  stored->bytes = isRaw ? AllocateChunk(size) : HeapBuffer::AllocateAligned(kSectorAlignment, size);
   if (!stored->bytes) return KQ_FAIL(kNotEnoughMemory);
   std::uint32_t held = 0;
   KQ_RETURN_IF_FAILED(OSFileReadAligned(place.File->File, place.FileOffset, stored->bytes.data(),
@@ -96,7 +97,7 @@ KQStatus Expand(const ChunkPlace& place, const StoredChunk& stored, std::uint64_
   const std::uint32_t type = place.File->CompressionType;
   std::uint64_t outputLength =
       std::min(size - head, LargestExpansion(type, present, std::min(present, held)));
-  HeapBuffer expanded = HeapBuffer::AllocateAligned(kSectorAlignment, head + outputLength);
+  HeapBuffer expanded = AllocateChunk(head + outputLength);
   if (!expanded) return KQ_FAIL(kNotEnoughMemory);
   std::memcpy(expanded.data(), stored.bytes.data(), head);
 
@@ -135,7 +136,7 @@ KQStatus ChunkDecode(const ChunkPlace& place, ExpandedChunk* chunk, DecodeOutcom
   if (storedBytes > kLargestSize) return KQ_FAIL(kNotEnoughMemory);
   const bool isCiphered = storedSectors != 1 && file.EncryptionType != 0;
   StoredChunk stored;
-  KQ_RETURN_IF_FAILED(ReadStored(place, storedBytes, isCiphered || !isRaw, &stored));
+  KQ_RETURN_IF_FAILED(ReadStored(place, storedBytes, isRaw, isCiphered || !isRaw, &stored));
   if (isCiphered) KQ_RETURN_IF_FAILED(Decipher(place, &stored));
 
   const std::uint64_t size = std::uint64_t{place.ExpandedSectors} * file.WorkSectorSize;
