@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "include/kqimageformat.h"
 #include "tests/client/client_fixture.h"
@@ -248,6 +250,41 @@ TEST_F(RestoreTest, WhatReadsAsZeroIsAHoleInANewFile) {
   EXPECT_EQ(status.st_size, 16 << 20);
   EXPECT_LE(status.st_blocks * 512, 256 << 10);
   EXPECT_EQ(ReadFile(Path("new")), volume);
+}
+
+// Whoever reads or writes all of it takes hours.
+TEST_F(RestoreTest, ALargeVolumeWithLittleInItTakesNoTime) {
+  constexpr std::uint64_t kSize = std::uint64_t{1} << 40;
+  constexpr std::uint64_t kCell = std::uint64_t{2} << 20;
+  // Ends of the volume and of cells, a stretch over such an end, and more than one chunk.
+  const std::vector<std::pair<std::uint64_t, Volume>> data = {
+      {4096, MakeNoise(4096, 1)},
+      {kSize / 3 / kCell * kCell - 4096, MakeNoise(8192, 2)},
+      {kSize / 2, MakeNoise(5 << 20, 3)},
+      {kSize - 512, MakeNoise(512, 4)}};
+  {
+    std::ofstream file(Path("volume"), std::ios::binary);
+    for (const auto& [offset, bytes] : data) {
+      file.seekp(static_cast<std::streamoff>(offset));
+      file.write(reinterpret_cast<const char*>(bytes.data()),
+                 static_cast<std::streamsize>(bytes.size()));
+    }
+  }
+  for (const char* compression : {"none", "lzo"}) {
+    Create(Path("volume"), Path("a.twf"), {"--compress", compression, "--force"});
+    ASSERT_EQ(RunClient({"restore", Path("a.twf"), "--to", Path("out"), "--force"}).exitStatus, 0);
+    EXPECT_EQ(std::filesystem::file_size(Path("out")), kSize);
+    struct stat status = {};
+    ASSERT_EQ(stat(Path("out").c_str(), &status), 0);
+    EXPECT_LT(status.st_blocks * 512, std::int64_t{8} << 20);
+    std::ifstream file(Path("out"), std::ios::binary);
+    for (const auto& [offset, bytes] : data) {
+      Volume read(bytes.size());
+      file.seekg(static_cast<std::streamoff>(offset));
+      file.read(reinterpret_cast<char*>(read.data()), static_cast<std::streamsize>(read.size()));
+      EXPECT_TRUE(read == bytes) << offset;
+    }
+  }
 }
 
 TEST_F(RestoreTest, RefusesAnExistingFileAndForceReplacesIt) {

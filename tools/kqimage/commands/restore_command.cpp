@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <optional>
 
 #include "kqimage/commands/chain_argument.h"
 #include "kqimage/commands/commands.h"
@@ -15,6 +16,7 @@
 #include "kqimage/terminal/interrupt.h"
 #include "kqimage/terminal/progress.h"
 #include "kqimage/terminal/text.h"
+#include "kqimage/verify/chain_data.h"
 #include "kqimage/volume/volume_target.h"
 
 namespace kqimage {
@@ -39,11 +41,14 @@ struct RestoreOptions {
   bool quiet = false;
 };
 
-void WriteVolume(const ChainReaders& readers, VolumeTarget& target, Progress& progress) {
-  ReadAhead pieces(readers.Pieces(readers.First().VolumeSize(), ChainReaders::Damage::kFound));
+void WriteVolume(const ChainReaders& readers, const DataCells* cells, VolumeTarget& target,
+                 Progress& progress) {
+  // A new file has its holes already; what a device held before must be overwritten.
+  ReadAhead pieces(readers.Pieces(readers.First().VolumeSize(), ChainReaders::Damage::kFound,
+                                  target.IsDevice() ? nullptr : cells));
   while (const Piece* piece = pieces.Next()) {
     ThrowIfInterrupted();
-    target.Write(piece->offset, piece->Bytes());
+    if (!piece->isZero) target.Write(piece->offset, piece->Bytes());
     progress.Update(piece->offset + piece->length);
   }
   ThrowIfInterrupted();
@@ -70,10 +75,11 @@ void Restore(const RestoreOptions& options) {
   }
 
   VolumeTarget target(options.target, reader.VolumeSize(), options.force);
+  const std::optional<DataCells> cells = FindDataCells(chain);
   double seconds = 0;
   try {
     Progress progress("Restoring", reader.VolumeSize(), options.quiet);
-    WriteVolume(readers, target, progress);
+    WriteVolume(readers, cells ? &*cells : nullptr, target, progress);
     seconds = progress.SecondsSoFar();
   } catch (const Failure& failure) {
     if (!target.IsDevice()) throw;

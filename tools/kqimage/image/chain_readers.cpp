@@ -25,13 +25,16 @@ ChainReaders::ChainReaders(const Chain& chain, const char* password) {
   }
 }
 
-std::vector<ReadAhead::Producer> ChainReaders::Pieces(std::uint64_t size, Damage damage) const {
+std::vector<ReadAhead::Producer> ChainReaders::Pieces(std::uint64_t size, Damage damage,
+                                                      const DataCells* cells) const {
   std::vector<ReadAhead::Producer> producers;
   for (const auto& reader : readers_) {
     producers.push_back(VolumePieces(
-        size, [reader = reader.get(), damage](std::uint64_t offset, std::span<std::byte> bytes) {
+        size,
+        [reader = reader.get(), damage](std::uint64_t offset, std::span<std::byte> bytes) {
           damage == Damage::kFound ? reader->ReadWhole(offset, bytes) : reader->Read(offset, bytes);
-        }));
+        },
+        cells));
   }
   return producers;
 }

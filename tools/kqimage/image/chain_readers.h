@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kqimage/image/chain_reader.h"
+#include "kqimage/pieces/data_cells.h"
 #include "kqimage/pieces/read_ahead.h"
 
 namespace kqimage {
@@ -26,8 +27,9 @@ class ChainReaders {
     kIgnored,  // read as the library reads
     kFound,    // ChainReader::ReadWhole
   };
-  // Producers of the volume's pieces up to size, which share the work.
-  std::vector<ReadAhead::Producer> Pieces(std::uint64_t size, Damage damage) const;
+  // Producers of the volume's pieces up to size, which share the work; cells as for VolumePieces.
+  std::vector<ReadAhead::Producer> Pieces(std::uint64_t size, Damage damage,
+                                          const DataCells* cells = nullptr) const;
 
  private:
   std::vector<std::unique_ptr<ChainReader>> readers_;
