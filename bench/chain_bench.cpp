@@ -5,6 +5,7 @@
 // needs as many descriptors (ulimit -n).
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -80,6 +81,15 @@ void WarmReads(benchmark::State& state) {
 }
 BENCHMARK(WarmReads)->RangeMultiplier(10)->Range(1, 1000)->Unit(benchmark::kMicrosecond);
 
+void WritePiece(const BenchChain& chain, std::uint64_t at, std::uint64_t size) {
+  static const std::vector<std::uint8_t> text = Text(kMebibyte);
+  for (std::uint64_t end = at + size; at < end;) {
+    const std::uint64_t count = std::min(end - at, kMebibyte - at % kMebibyte);
+    chain.Write(text.data() + at % kMebibyte, count, at);
+    at += count;
+  }
+}
+
 // 240 MiB of which each file has every n-th piece.
 const BenchChain& SplitChain(std::int64_t files, std::int64_t pieceBytes,
                              std::uint32_t compression) {
@@ -87,14 +97,13 @@ const BenchChain& SplitChain(std::int64_t files, std::int64_t pieceBytes,
   static std::map<Key, std::unique_ptr<BenchChain>> made;
   auto& chain = made[{files, pieceBytes, compression}];
   if (!chain) {
-    static const std::vector<std::uint8_t> text = Text(kMebibyte);
     const auto piece = static_cast<std::uint64_t>(pieceBytes);
     const auto step = piece * static_cast<std::uint64_t>(files);
     chain = std::make_unique<BenchChain>(kFolder, kBlock, compression);
     for (std::uint64_t first = 0; first < step; first += piece) {
       chain->Begin();
       for (std::uint64_t at = first; at < kSplitBytes; at += step) {
-        chain->Write(text.data() + at % kMebibyte, piece, at);
+        WritePiece(*chain, at, piece);
       }
       chain->Finish();
     }
@@ -112,7 +121,7 @@ void ReadSplit(benchmark::State& state, std::uint32_t compression) {
 }
 void Split(benchmark::internal::Benchmark* benchmark) {
   benchmark->ArgNames({"files", "piece"})
-      ->ArgsProduct({{1, 30}, {kMebibyte, 64 << 10}})
+      ->ArgsProduct({{1, 30}, {8 * kMebibyte, kMebibyte, 64 << 10}})
       ->Unit(benchmark::kMillisecond);
 }
 BENCHMARK_CAPTURE(ReadSplit, none, KQ_COMPRESSION_NONE)->Apply(Split);

@@ -112,11 +112,11 @@ def sequential_reads(setting, report, _volumes):
 
 
 def split_chains(setting, report, _volumes):
-    """The same data in thirty files and in one."""
+    """The same data in thirty files, each with every thirtieth piece, and in one."""
     measured = run_benchmarks(setting, "chain", "^ReadSplit", setting.runs, 0.2)
     rows = []
     for compression in ("none", "lzo"):
-        for piece in (1 << 20, 64 << 10):
+        for piece in (8 << 20, 1 << 20, 64 << 10):
             name = f"ReadSplit/{compression}/files:%d/piece:{piece}"
             thirty, one = rates(measured[name % 30]), rates(measured[name % 1])
             what = f"{compression}, 30 files with every 30th {piece >> 10} KiB"
