@@ -49,9 +49,9 @@ std::vector<WriteCall> AllKindsOfWrites(unsigned seed) {
     calls.push_back({at, std::move(bytes)});
     at += calls.back().bytes.size() + gap;
   };
-  add(Random(3 << 20, 0x0F, seed), 0);      // several chunks from one call, compressible
-  add(Random(2 << 20, 0xFF, seed + 1), 0);  // incompressible
-  add(Bytes(5 << 19), 4096);                // all zero
+  add(Random(5 << 18, 0x0F, seed), 0);      // several chunks from one call, compressible
+  add(Random(3 << 19, 0xFF, seed + 1), 0);  // incompressible
+  add(Bytes(3 << 19), 4096);                // all zero
   for (unsigned i = 0; i < 700; ++i) {      // run lists that are full long before the buffers
     add(Random(4096, 0x3F, seed + 2 + i), 4096 * (1 + i * 7919 % 13));
   }

@@ -1,6 +1,8 @@
 #include "kqimage/verify/chain_data.h"
 
 #include <cstdint>
+#include <filesystem>
+#include <system_error>
 
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/interrupt.h"
@@ -19,8 +21,13 @@ constexpr std::uint64_t kShortSpan = std::uint64_t{16} << 20;
 // A table of its cells takes 64 MiB.
 constexpr std::uint64_t kLargestVolume = std::uint64_t{1} << 50;
 
+// The index of a larger file would take more memory than the library's own.
+constexpr std::uintmax_t kLargestFile = std::uintmax_t{256} << 30;
+
 // False if it can't be told.
 bool MarkData(const ImageFile& file, DataCells& cells) {
+  std::error_code error;
+  if (std::filesystem::file_size(file.path, error) > kLargestFile || error) return false;
   const ImageLayout layout = ReadLayout(file.path);
   if (!layout.Opens() || !layout.isIndexWhole || !layout.damages.empty()) return false;
   const std::size_t count = layout.chunks.size();

@@ -10,7 +10,7 @@
 namespace kqimage {
 
 // The cells of the newest image's volume; none if it is too large for a table of them. Of a file in
-// which anything looks wrong, or out of the order in which this program writes, every cell counts
+// which anything looks wrong or out of order, and of one above 256 GiB, every cell counts
 // as one with data: then the library reads it and tells what is wrong.
 std::optional<DataCells> FindDataCells(const Chain& chain);
 
