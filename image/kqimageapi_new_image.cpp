@@ -46,8 +46,9 @@ KQ_API KQStatus KQNewImageFileCreate2(const void* headerTemplate, uint32_t templ
 
 KQ_API KQStatus KQNewImageFileWrite(uint64_t handle, const void* data, uint32_t size,
                                     uint64_t offset) {
-  // Nothing is looked at for a size of 0.
-  if (size != 0 && (handle == 0 || data == nullptr)) return KQ_FAIL(kInvalidParameter);
+  // Before anything is looked at.
+  if (size == 0) return kq::Success();
+  if (handle == 0 || data == nullptr) return KQ_FAIL(kInvalidParameter);
   return kq::AppendSectors(ObjectOf(handle), static_cast<const std::uint8_t*>(data), size, offset);
 }
 
