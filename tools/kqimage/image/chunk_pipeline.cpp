@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "codec/huffman_stage.h"
 #include "image/header_tail.h"
 #include "image/new_image_file.h"
 #include "kqimage/image/sha256.h"
@@ -19,6 +20,13 @@ namespace kqimage {
 namespace {
 
 constexpr char kModule[] = "utimagefile";
+
+// The Huffman stage may count a byte behind its input, which tells in the file what the codec has
+// worked on before. Here that would be whichever chunk a thread had last.
+void ForgetLastChunk(kq::Compressor* codec) {
+  if (codec == nullptr || codec->type != KQ_COMPRESSION_LZO_HUFFMAN) return;
+  std::memset(codec->workArea.data() + kq::kHuffmanInputOffset, 0, kq::kHuffmanInputLimit);
+}
 
 }  // namespace
 
@@ -140,6 +148,7 @@ class ChunkPipeline::State {
       if (isStopping_) return;
       Slot& slot = SlotOf(taken_++);
       lock.unlock();
+      ForgetLastChunk(codec.get());
       slot.chunk.Compressor = std::move(codec);
       slot.status = kq::EncodeChunk(&slot.chunk, &slot.encoded);
       codec = std::move(slot.chunk.Compressor);

@@ -1,10 +1,11 @@
 // Makes an image file with all processors: chunks are encoded side by side and appended in order.
 //
 // The caller's thread fills chunks exactly as the library's writer does, with the library's own
-// code, so the file is the same, byte for byte. As many threads as there are processors compress
-// and encipher full chunks, one appends them in the order of the volume, and one computes the
-// SHA-256 of the file as it grows. That is possible because nothing in the first sector, which is
-// written last, depends on the chunks.
+// code, so the file is the same, byte for byte; but for streams of type 6, whose code lengths may
+// depend on the chunk that the codec had before, and here don't. As many threads as there are
+// processors compress and encipher full chunks, one appends them in the order of the volume, and
+// one computes the SHA-256 of the file as it grows. That is possible because nothing in the first
+// sector, which is written last, depends on the chunks.
 //
 // Memory: 2 x threads + 2 chunks of up to 1 MiB with as much again for their encoded form, and a
 // codec for each thread (up to 2 MiB); all of it bounded whatever the volume. A thread that fails
