@@ -15,7 +15,17 @@ namespace {
 
 using NameSet = std::set<std::string>;
 
-constexpr std::size_t kVolumeSize = 12 << 20;  // three pieces of reading
+// Far more than what is read ahead and encoded when the first chunk stands in the file.
+constexpr std::size_t kVolumeMiB = 40;
+
+Volume MakeLongVolume() {
+  const Volume mebibyte = MakeNoise(std::size_t{1} << 20, 1);
+  Volume volume;
+  for (std::size_t i = 0; i < kVolumeMiB; ++i) {
+    volume.insert(volume.end(), mebibyte.begin(), mebibyte.end());
+  }
+  return volume;
+}
 
 // An image at the path is unfinished and has chunks already.
 bool IsInTheMiddle(const std::string& path) {
@@ -40,7 +50,7 @@ bool HasData(const std::string& path) {
 
 class InterruptTest : public ClientTest, public testing::WithParamInterface<int> {
  protected:
-  void SetUp() override { Put("volume", MakeNoise(kVolumeSize, 1)); }
+  void SetUp() override { Put("volume", MakeLongVolume()); }
 
   static void ExpectInterrupted(const ClientResult& result) {
     EXPECT_EQ(result.exitStatus, 1);
@@ -98,7 +108,7 @@ INSTANTIATE_TEST_SUITE_P(, InterruptTest, testing::Values(SIGINT, SIGTERM, SIGHU
 
 class CutShortTest : public ClientTest {
  protected:
-  void SetUp() override { Put("volume", MakeNoise(kVolumeSize, 1)); }
+  void SetUp() override { Put("volume", MakeLongVolume()); }
 };
 
 TEST_F(CutShortTest, AKilledCreateLeavesWhatNobodyTakesForAnImage) {
@@ -138,7 +148,7 @@ TEST_F(CutShortTest, AFileThatTakesTheTargetsNameMeanwhileIsKept) {
 
 TEST_F(CutShortTest, ASourceThatShrinksIsAFailure) {
   // Of six pieces the reader is ahead by three at most.
-  Put("volume", MakeNoise(2 * kVolumeSize, 1));
+  Put("volume", MakeLongVolume());
   const std::string image = Path("a.twf");
   const ClientResult result = RunClientUntil(
       {"create", Path("volume"), image}, [&] { return IsInTheMiddle(image); }, 0,
