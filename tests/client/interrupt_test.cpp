@@ -147,8 +147,6 @@ TEST_F(CutShortTest, AFileThatTakesTheTargetsNameMeanwhileIsKept) {
 }
 
 TEST_F(CutShortTest, ASourceThatShrinksIsAFailure) {
-  // Of six pieces the reader is ahead by three at most.
-  Put("volume", MakeLongVolume());
   const std::string image = Path("a.twf");
   const ClientResult result = RunClientUntil(
       {"create", Path("volume"), image}, [&] { return IsInTheMiddle(image); }, 0,
