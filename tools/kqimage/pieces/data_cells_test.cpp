@@ -40,7 +40,7 @@ TEST(DataCells, PiecesWithoutDataAreNotRead) {
     EXPECT_TRUE(offset == 4 * kCell || offset == 9 * kCell) << offset;
     bytes[0] = std::byte{1};
   };
-  for (const std::size_t threads : {1, 3}) {
+  for (const std::size_t threads : {1U, 3U}) {
     ReadAhead pieces(
         std::vector<ReadAhead::Producer>(threads, VolumePieces(9 * kCell + 1, read, &cells)));
     std::vector<std::uint64_t> lengths;

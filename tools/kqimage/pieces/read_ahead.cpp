@@ -12,8 +12,7 @@ constexpr std::size_t kFewestBuffers = 3;
 
 }  // namespace
 
-ReadAhead::ReadAhead(Producer producer)
-    : ReadAhead(std::vector<Producer>(1, std::move(producer))) {}
+ReadAhead::ReadAhead(const Producer& producer) : ReadAhead(std::vector<Producer>(1, producer)) {}
 
 ReadAhead::ReadAhead(std::vector<Producer> producers)
     : producers_(std::move(producers)), slots_(std::max(kFewestBuffers, producers_.size() + 1)) {

@@ -42,7 +42,7 @@ class ReadAhead {
   // number. Called on the producer's thread, with rising numbers; a single producer gets them all.
   using Producer = std::function<bool(Piece&)>;
 
-  explicit ReadAhead(Producer producer);
+  explicit ReadAhead(const Producer& producer);
   explicit ReadAhead(std::vector<Producer> producers);
   ~ReadAhead();
   ReadAhead(const ReadAhead&) = delete;
