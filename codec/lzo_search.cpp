@@ -95,11 +95,32 @@ template <class Wide>
   return static_cast<std::size_t>(std::countr_zero(different));
 }
 
-// The positions of a stretch by their places, so that one number is index and place.
+// The positions of a stretch by their places, so that one number is index and place. Addresses,
+// since what stands at place 0 need not be in the stretch.
 struct ByPlace {
-  const Byte* bytes;
-  const std::uint16_t* first;
-  const std::uint16_t* second;
+  std::uintptr_t bytes;
+  std::uintptr_t first;
+  std::uintptr_t second;
+
+  ByPlace(const LzoPositions& positions, std::uint64_t begin)
+      : bytes(reinterpret_cast<std::uintptr_t>(positions.bytes) - begin),
+        first(AddressOfPlaceZero(positions.slots->first, begin)),
+        second(AddressOfPlaceZero(positions.slots->second, begin)) {}
+
+  [[gnu::always_inline]] const Byte* BytesAt(std::uint64_t place) const {
+    return reinterpret_cast<const Byte*>(bytes + place);
+  }
+  [[gnu::always_inline]] std::uint64_t FirstSlot(std::uint64_t place) const {
+    return *reinterpret_cast<const std::uint16_t*>(first + place * sizeof(std::uint16_t));
+  }
+  [[gnu::always_inline]] std::uint64_t SecondSlot(std::uint64_t place) const {
+    return *reinterpret_cast<const std::uint16_t*>(second + place * sizeof(std::uint16_t));
+  }
+
+ private:
+  static std::uintptr_t AddressOfPlaceZero(const std::uint16_t* slots, std::uint64_t begin) {
+    return reinterpret_cast<std::uintptr_t>(slots) - begin * sizeof(std::uint16_t);
+  }
 };
 
 // Looks for a match of at least three bytes at a place, whose first slot is given, and enters it in
@@ -107,7 +128,7 @@ struct ByPlace {
 [[gnu::always_inline]] inline bool FindMatch(const ByPlace& stretch, std::uint64_t place,
                                              std::uint64_t slot, LzoTableEntry* table,
                                              std::uint32_t* distance) {
-  const LzoTableEntry entry = LzoEntry(LoadU32(stretch.bytes + place), place);
+  const LzoTableEntry entry = LzoEntry(LoadU32(stretch.BytesAt(place)), place);
   LzoTableEntry found = table[slot];
   std::uint64_t back = entry - found;
   if (back <= kLzoFarDistance) {
@@ -117,7 +138,7 @@ struct ByPlace {
   }
   // The second slot has its turn if the first one's candidate is near enough to be used, but
   // neither near nor alike in the fourth byte. A place is beyond all distances.
-  const std::uint64_t slot2 = stretch.second[place];
+  const std::uint64_t slot2 = stretch.SecondSlot(place);
   const LzoTableEntry found2 = table[slot2];
   auto beyondNear = static_cast<std::uint32_t>(back - (kLzoNearDistance + 1));
   asm("cmp %[fourthByte], %[different]\n\tcmovb %k[entry], %[beyondNear]\n\t"
@@ -141,10 +162,10 @@ struct ByPlace {
 [[gnu::always_inline]] inline bool FindNextMatch(const ByPlace& stretch, std::uint64_t* place,
                                                  std::uint64_t end, LzoTableEntry* table,
                                                  std::uint32_t* distance) {
-  std::uint64_t slot = stretch.first[*place];
+  std::uint64_t slot = stretch.FirstSlot(*place);
   do {
     // Read before the branch, so that it is at hand where the branch goes wrong.
-    const std::uint64_t nextSlot = stretch.first[*place + 1];
+    const std::uint64_t nextSlot = stretch.FirstSlot(*place + 1);
     if (FindMatch(stretch, *place, slot, table, distance)) return true;
     slot = nextSlot;
   } while (++*place < end);
@@ -156,14 +177,13 @@ template <class Wide>
                                                  std::size_t length, LzoTableEntry* table) {
   const std::uint64_t begin = positions.firstPlace;
   const std::uint64_t end = begin + length;
-  const ByPlace stretch = {positions.bytes - begin, positions.slots->first - begin,
-                           positions.slots->second - begin};
+  const ByPlace stretch(positions, begin);
   const Byte* pending = frame->pending;
   Byte* out = frame->out;
   std::uint64_t place = begin;
   std::uint32_t distance;
   while (place < end && FindNextMatch(stretch, &place, end, table, &distance)) {
-    const Byte* const p = stretch.bytes + place;
+    const Byte* const p = stretch.BytesAt(place);
     const std::size_t matchLength = MatchLength<Wide>(p - distance, p, frame->end);
     const auto literals = static_cast<std::size_t>(p - pending);
     if (!Wide::kAtFrameEnd && literals <= kLzoShortRun) [[likely]] {
@@ -175,7 +195,7 @@ template <class Wide>
     place += matchLength;
     pending = p + matchLength;
   }
-  frame->p = stretch.bytes + place;
+  frame->p = stretch.BytesAt(place);
   frame->pending = pending;
   frame->out = out;
 }
