@@ -76,7 +76,8 @@ def machine_facts(setting):
     facts = [
         ("Processor", f"{cpu_model()}, {os.cpu_count()} processors"),
         ("Memory", f"{memory_gib():.0f} GiB"),
-        ("System", f"{platform.freedesktop_os_release()['PRETTY_NAME']}, Linux {platform.release().split('-')[0]}"),
+        ("System", f"{platform.freedesktop_os_release()['PRETTY_NAME']}, "
+                   f"Linux {platform.release().split('-')[0]}"),
         ("Compiler", first_line(["c++", "--version"])),
         ("Revision", first_line(["git", "-C", str(ROOT), "describe", "--always", "--dirty"])),
         ("Files", f"on {file_system}, {setting.runs} runs, volumes of {setting.volume_mib} MiB"),

@@ -10,6 +10,7 @@
 #include "kqimage/terminal/text.h"
 
 namespace kqimage {
+
 void PrintReadingDoubt(const HeaderTemplate& header, const std::string& image) {
   const std::uint32_t type = header.Fields().CompressionType;
   if (IsReadable(type)) return;
