@@ -13,6 +13,8 @@
 
 namespace kqbench {
 
+enum class NameOrder { kBaseFirst, kNewestFirst };
+
 // The files are removed with the object.
 class BenchChain {
  public:
@@ -53,9 +55,12 @@ class BenchChain {
   }
 
   // All files, as KQImageFilesOpen takes them.
-  std::string Files() const {
+  std::string Files(NameOrder order = NameOrder::kBaseFirst) const {
     std::string files;
-    for (const auto& each : paths_) files += (files.empty() ? "" : "|") + each->path;
+    for (std::size_t i = 0; i < paths_.size(); ++i) {
+      const std::size_t at = order == NameOrder::kBaseFirst ? i : paths_.size() - 1 - i;
+      files += (i == 0 ? "" : "|") + paths_[at]->path;
+    }
     return files;
   }
 

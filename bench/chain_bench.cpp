@@ -1,8 +1,8 @@
 // What the length of a chain costs: opening it, reading through it, and the same data in one file
 // and in thirty.
 //
-// The files lie in the folder that KQ_BENCH_FOLDER names, else in /tmp. A chain of a thousand files
-// needs as many descriptors (ulimit -n).
+// The files lie in the folder that KQ_BENCH_FOLDER names, else in /tmp. A chain of ten thousand
+// files needs as many descriptors (ulimit -n).
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -20,6 +20,7 @@
 namespace {
 
 using kqbench::BenchChain;
+using kqbench::NameOrder;
 using kqbench::OpenedChain;
 
 constexpr char kFolder[] = "/tmp";
@@ -69,7 +70,14 @@ void OpenChain(benchmark::State& state) {
   const std::string files = LongChain(state.range(0)).Files();
   for (auto step : state) const OpenedChain chain(files);
 }
-BENCHMARK(OpenChain)->RangeMultiplier(10)->Range(1, 1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(OpenChain)->RangeMultiplier(10)->Range(1, 10'000)->Unit(benchmark::kMillisecond);
+
+// The same, named in the opposite order.
+void OpenChainNewestFirst(benchmark::State& state) {
+  const std::string files = LongChain(state.range(0)).Files(NameOrder::kNewestFirst);
+  for (auto step : state) const OpenedChain chain(files);
+}
+BENCHMARK(OpenChainNewestFirst)->Arg(1000)->Arg(10'000)->Unit(benchmark::kMillisecond);
 
 // The base's 8 MiB, which the chunk cache holds, in random blocks.
 void WarmReads(benchmark::State& state) {
@@ -79,7 +87,7 @@ void WarmReads(benchmark::State& state) {
   for (std::uint64_t at = 0; at < kBaseBytes; at += kBlock) chain.Read(at, &block);
   for (auto step : state) chain.Read(random() % (kBaseBytes / kBlock) * kBlock, &block);
 }
-BENCHMARK(WarmReads)->RangeMultiplier(10)->Range(1, 1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(WarmReads)->RangeMultiplier(10)->Range(1, 10'000)->Unit(benchmark::kMicrosecond);
 
 void WritePiece(const BenchChain& chain, std::uint64_t at, std::uint64_t size) {
   static const std::vector<std::uint8_t> text = Text(kMebibyte);

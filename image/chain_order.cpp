@@ -4,6 +4,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "image/bucket_index.h"
+
 namespace kq {
 namespace {
 
@@ -35,10 +37,41 @@ bool Follows(const ChainCandidate& b, const ChainCandidate& a) {
          SameId(b.header.ParentImageId, a.header.ParentImageId);
 }
 
-template <class Predicate>
-ChainCandidate* FindFirst(const List& list, Predicate matches) {
+// The candidates by what they follow, those of one chain in the order the client gave. Clients name
+// chains newest first as often as base first, and a thousand files must not be searched a thousand
+// times.
+class Followers {
+ public:
+  explicit Followers(const List& named) {
+    for (ChainCandidate* item = named.last(); item != nullptr; item = List::Previous(item)) {
+      index_.Add(HashOfPlace(item->header), item);
+    }
+  }
+
+  void Remove(ChainCandidate* item) { index_.Remove(HashOfPlace(item->header), item); }
+
+  // The first that follows a, or null.
+  ChainCandidate* FirstBehind(const ChainCandidate& a) const {
+    const std::uint32_t part = a.lastPart != 0 ? 0 : a.header.PartIndex + 1;
+    ChainCandidate* item = index_.First(HashOfBytes(a.header.ImageId, part));
+    while (item != nullptr && !Follows(*item, a)) item = index_.Next(item);
+    return item;
+  }
+
+ private:
+  // What the file that it follows is searched by: the parent's identifier, or the part's own.
+  static std::uint64_t HashOfPlace(const ImageHeader& header) {
+    return HashOfBytes(header.PartIndex == 0 ? header.ParentImageId : header.ImageId,
+                       header.PartIndex);
+  }
+
+  // Small, since most chains are short and it is on the stack.
+  BucketIndex<ChainCandidate, &ChainCandidate::nextInBucket, 9> index_;
+};
+
+ChainCandidate* FindBase(const List& list) {
   ChainCandidate* item = list.first();
-  while (item != nullptr && !matches(*item)) item = List::Next(item);
+  while (item != nullptr && !IsBase(item->header)) item = List::Next(item);
   return item;
 }
 
@@ -53,15 +86,14 @@ CandidateList::~CandidateList() {
 }
 
 KQStatus OrderCandidates(CandidateList* named, CandidateList* chain) {
-  ChainCandidate* next =
-      FindFirst(named->items, [](const ChainCandidate& item) { return IsBase(item.header); });
+  ChainCandidate* next = FindBase(named->items);
   if (next == nullptr) return KQ_FAIL(kNoMoreFiles);
+  Followers followers(named->items);
   while (next != nullptr) {
     named->items.Remove(next);
+    followers.Remove(next);
     chain->items.PushBack(next);
-    const ChainCandidate& last = *next;
-    next = FindFirst(named->items,
-                     [&last](const ChainCandidate& item) { return Follows(item, last); });
+    next = followers.FirstBehind(*next);
   }
   if (chain->items.last()->lastPart == 0 || !named->items.empty()) return KQ_FAIL(kNoMoreFiles);
   return Success();

@@ -17,6 +17,7 @@ struct ChainCandidate {
   ImageHeader header{};
   std::uint32_t lastPart = 0;  // from its ChunkIndex
   ListLinks<ChainCandidate> links;
+  ChainCandidate* nextInBucket = nullptr;
 };
 
 // Owns its candidates.

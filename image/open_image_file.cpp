@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "image/bucket_index.h"
 #include "image/chunk_cache.h"
 #include "image/shared_compressor.h"
 
@@ -15,12 +16,21 @@ namespace {
 
 constexpr char kModule[] = "utimagefile";
 
-OpenImageFile* FindByPath(const char* path) REQUIRES(openFilesMutex) {
-  OpenImageFile* file = OpenImageFiles.first();
-  while (file != nullptr && std::strncmp(file->Path, path, kLongestPath) != 0) {
-    file = OpenImageFileList::Next(file);
-  }
-  return file;
+// The files of the list by what they are asked for. Of several that match, the newest comes first.
+constinit BucketIndex<OpenImageFile, &OpenImageFile::nextOfPath> filesByPath
+    GUARDED_BY(openFilesMutex);
+constinit BucketIndex<OpenImageFile, &OpenImageFile::nextOfIdentity> filesByIdentity
+    GUARDED_BY(openFilesMutex);
+constinit BucketIndex<OpenImageFile, &OpenImageFile::nextOfAddress> filesByAddress
+    GUARDED_BY(openFilesMutex);
+
+std::uint64_t HashOfPath(const char* path) {
+  return HashOfBytes({reinterpret_cast<const std::uint8_t*>(path), strnlen(path, kLongestPath)}, 0);
+}
+
+std::uint64_t HashOfIdentity(const OpenImageFile& file) {
+  // The parts of one image differ in nothing but their number.
+  return HashOfBytes(file.ImageId, HashOfBytes(file.ParentImageId, file.PartIndex));
 }
 
 bool SameImage(const OpenImageFile& a, const OpenImageFile& b) {
@@ -30,16 +40,39 @@ bool SameImage(const OpenImageFile& a, const OpenImageFile& b) {
          a.PartIndex == b.PartIndex && a.LastPart == b.LastPart;
 }
 
-OpenImageFile* FindSameImage(const OpenImageFile& wanted) REQUIRES(openFilesMutex) {
-  OpenImageFile* file = OpenImageFiles.first();
-  while (file != nullptr && !SameImage(*file, wanted)) file = OpenImageFileList::Next(file);
+OpenImageFile* FindByPath(const char* path) REQUIRES(openFilesMutex) {
+  OpenImageFile* file = filesByPath.First(HashOfPath(path));
+  while (file != nullptr && std::strncmp(file->Path, path, kLongestPath) != 0) {
+    file = filesByPath.Next(file);
+  }
   return file;
 }
 
+OpenImageFile* FindSameImage(const OpenImageFile& wanted) REQUIRES(openFilesMutex) {
+  OpenImageFile* file = filesByIdentity.First(HashOfIdentity(wanted));
+  while (file != nullptr && !SameImage(*file, wanted)) file = filesByIdentity.Next(file);
+  return file;
+}
+
+// Does not look into what may be no file any more.
 bool IsOpen(const OpenImageFile* wanted) REQUIRES(openFilesMutex) {
-  const OpenImageFile* file = OpenImageFiles.first();
-  while (file != nullptr && file != wanted) file = OpenImageFileList::Next(file);
+  const OpenImageFile* file = filesByAddress.First(HashOf(wanted, 0));
+  while (file != nullptr && file != wanted) file = filesByAddress.Next(file);
   return file != nullptr;
+}
+
+void AddToList(OpenImageFile* file) REQUIRES(openFilesMutex) {
+  OpenImageFiles.PushFront(file);
+  filesByPath.Add(HashOfPath(file->Path), file);
+  filesByIdentity.Add(HashOfIdentity(*file), file);
+  filesByAddress.Add(HashOf(file, 0), file);
+}
+
+void RemoveFromList(OpenImageFile* file) REQUIRES(openFilesMutex) {
+  OpenImageFiles.Remove(file);
+  filesByPath.Remove(HashOfPath(file->Path), file);
+  filesByIdentity.Remove(HashOfIdentity(*file), file);
+  filesByAddress.Remove(HashOf(file, 0), file);
 }
 
 }  // namespace
@@ -70,7 +103,7 @@ KQStatus OpenImageFileOpen(const char* path, const char* password, OpenImageFile
   OpenImageFile* shared = FindSameImage(*loaded);
   if (shared == nullptr) {
     shared = loaded.release();
-    OpenImageFiles.PushFront(shared);
+    AddToList(shared);
   }
   ++shared->refCount;
   *file = shared;
@@ -82,7 +115,7 @@ KQStatus OpenImageFileRelease(OpenImageFile* file) {
     const MutexLock lock(openFilesMutex);
     if (file == nullptr || !IsOpen(file)) return Success();
     if (--file->refCount != 0) return Success();
-    OpenImageFiles.Remove(file);
+    RemoveFromList(file);
   }
   // Nobody can find the file any more, so no entry of it is in use or can be added.
   PurgeChunks(file);

@@ -70,6 +70,9 @@ struct OpenImageFile {
   bool usesSharedCompressor = false;
   std::uint32_t refCount GUARDED_BY(openFilesMutex) = 0;
   ListLinks<OpenImageFile> openLinks;
+  OpenImageFile* nextOfPath = nullptr;  // this and below: chains of the list's indexes
+  OpenImageFile* nextOfIdentity = nullptr;
+  OpenImageFile* nextOfAddress = nullptr;
 
   OpenImageFile() = default;
   ~OpenImageFile();

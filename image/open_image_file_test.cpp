@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "image/allocation_calls_test.h"
 #include "image/chain_test_support.h"
 
 namespace kq {
@@ -72,6 +73,99 @@ TEST_F(OpenImageFileTest, EachFieldOfTheIdentityCounts) {
     OpenImageFileRelease(second);
   }
   OpenImageFileRelease(first);
+}
+
+// A file that is replaced while another thread opens it is open twice under one path.
+TEST_F(OpenImageFileTest, OfTwoFilesOfOnePathTheOneOpenedLastIsFound) {
+  const std::string path = folder_.Write("a", spec_);
+  OpenImageFile* former = nullptr;
+  OpenImageFile* latter = nullptr;
+  {
+    const kqtest::BeforeNextAllocation replace([&] {
+      ASSERT_EQ(OpenImageFileOpen(path.c_str(), nullptr, &former).status, 0);
+      ASSERT_EQ(unlink(path.c_str()), 0);
+      spec_.header.imageId = kqtest::MakeId(50);
+      folder_.Write("a", spec_);
+    });
+    ASSERT_EQ(OpenImageFileOpen(path.c_str(), nullptr, &latter).status, 0);
+  }
+  ASSERT_NE(former, nullptr);
+  ASSERT_NE(former, latter);
+  ASSERT_STREQ(former->Path, latter->Path);
+  OpenImageFile* found = nullptr;
+  ASSERT_EQ(OpenImageFileOpen(path.c_str(), nullptr, &found).status, 0);
+  EXPECT_EQ(found, latter);
+  OpenImageFileRelease(found);
+  OpenImageFileRelease(latter);
+  ASSERT_EQ(OpenImageFileOpen(path.c_str(), nullptr, &found).status, 0);
+  EXPECT_EQ(found, former);
+  OpenImageFileRelease(found);
+  OpenImageFileRelease(former);
+}
+
+// Nothing that was open is found by its path or identity once it is closed.
+TEST_F(OpenImageFileTest, AClosedFileIsReadAnew) {
+  const std::string path = folder_.Write("a", spec_);
+  OpenImageFile* file = nullptr;
+  ASSERT_EQ(OpenImageFileOpen(path.c_str(), nullptr, &file).status, 0);
+  OpenImageFileRelease(file);
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  EXPECT_EQ(OpenStatus(path), -2);
+  spec_.header.generation = 9;
+  ASSERT_EQ(OpenImageFileOpen(folder_.Write("b", spec_).c_str(), nullptr, &file).status, 0);
+  EXPECT_EQ(file->Generation, 9u);
+  OpenImageFileRelease(file);
+}
+
+// Paths are compared up to their 4095th character.
+TEST_F(OpenImageFileTest, LongPathsThatDifferBehindTheLongestAreOne) {
+  const std::string name = folder_.Write("a", spec_);
+  std::string path = name.substr(0, name.size() - 1);
+  path.append(kLongestPath - 1 - path.size(), '/');
+  path += "a";
+  OpenImageFile* file = nullptr;
+  ASSERT_EQ(OpenImageFileOpen(path.c_str(), nullptr, &file).status, 0);
+  for (const char* tail : {"", "b", "/further"}) {
+    OpenImageFile* found = nullptr;
+    EXPECT_EQ(OpenImageFileOpen((path + tail).c_str(), nullptr, &found).status, 0) << tail;
+    EXPECT_EQ(found, file) << tail;
+    OpenImageFileRelease(found);
+  }
+  EXPECT_NE(OpenStatus(path.substr(0, kLongestPath - 1)), 0);
+  OpenImageFileRelease(file);
+}
+
+// Three parts of each of a hundred images, each in two copies.
+TEST_F(OpenImageFileTest, HundredsOfFilesAreToldApartByPathAndIdentity) {
+  constexpr std::uint32_t kFiles = 300;
+  std::vector<OpenImageFile*> files(kFiles);
+  const auto path = [&](char folder, std::uint32_t i) { return folder + std::to_string(i); };
+  for (std::uint32_t i = 0; i < kFiles; ++i) {
+    spec_.header.imageId = kqtest::MakeId(1 + i / 3);
+    spec_.header.partIndex = i % 3;
+    spec_.index.lastPart = i % 3 == 2 ? 2 : 0;
+    folder_.Write(path('b', i), spec_);
+    ASSERT_EQ(
+        OpenImageFileOpen(folder_.Write(path('a', i), spec_).c_str(), nullptr, &files[i]).status,
+        0);
+  }
+  EXPECT_EQ(OpenFileCount(), kFiles);
+  for (const bool afterHalf : {false, true}) {
+    for (std::uint32_t i = afterHalf ? 1 : 0; i < kFiles; i += afterHalf ? 2 : 1) {
+      for (const char folder : {'a', 'b'}) {
+        OpenImageFile* found = nullptr;
+        ASSERT_EQ(OpenImageFileOpen(folder_.Path(path(folder, i)).c_str(), nullptr, &found).status,
+                  0);
+        EXPECT_EQ(found, files[i]) << folder << i;
+        OpenImageFileRelease(found);
+      }
+    }
+    if (!afterHalf) {
+      for (std::uint32_t i = 0; i < kFiles; i += 2) OpenImageFileRelease(files[i]);
+      EXPECT_EQ(OpenFileCount(), kFiles / 2);
+    }
+  }
+  for (std::uint32_t i = 1; i < kFiles; i += 2) OpenImageFileRelease(files[i]);
 }
 
 TEST_F(OpenImageFileTest, ReleaseOfNullOrAStrangerSucceeds) {
