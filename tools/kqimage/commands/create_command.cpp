@@ -112,7 +112,7 @@ void PrintOriginDoubt(const VolumeOrigin& origin, const HeaderTemplate& header,
 }
 
 void StoreVolume(const VolumeSource& source, ImageWriter& writer, Progress& progress) {
-  ReadAhead pieces(source.Pieces(VolumeSource::Holes::kJoined));
+  ReadAhead pieces(source.Pieces());
   while (const Piece* piece = pieces.Next()) {
     ThrowIfInterrupted();
     if (!piece->isZero) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <span>
 
 #include "kqimage/commands/commands.h"
@@ -16,13 +17,14 @@
 #include "kqimage/image/image_output.h"
 #include "kqimage/image/image_writer.h"
 #include "kqimage/password/password_options.h"
-#include "kqimage/pieces/block_compare.h"
+#include "kqimage/pieces/piece_pairs.h"
 #include "kqimage/system/file_identity.h"
 #include "kqimage/system/next_name.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/interrupt.h"
 #include "kqimage/terminal/progress.h"
 #include "kqimage/terminal/text.h"
+#include "kqimage/verify/chain_data.h"
 #include "kqimage/volume/volume_origin.h"
 
 namespace kqimage {
@@ -84,25 +86,23 @@ void RefuseUselessPassword(const IncrementOptions& options, const Chain& chain) 
                   Printable(options.image)));
 }
 
-void StoreDifferences(const VolumeSource& source, const ChainReaders& chain, ImageWriter& writer,
-                      Progress& progress) {
-  ReadAhead newPieces(source.Pieces(VolumeSource::Holes::kCellByCell));
-  ReadAhead oldPieces(chain.Pieces(source.Size(), ChainReaders::Damage::kIgnored));
-  while (const Piece* now = newPieces.Next()) {
+void StoreDifferences(const VolumeSource& source, const ChainReaders& chain, const DataCells* cells,
+                      ImageWriter& writer, Progress& progress) {
+  ReadAhead newPieces(source.Pieces());
+  ReadAhead oldPieces(chain.Pieces(source.Size(), ChainReaders::Damage::kIgnored, cells));
+  PiecePairs pairs(newPieces, oldPieces);
+  while (const PiecePair* pair = pairs.Next()) {
     ThrowIfInterrupted();
-    const Piece* before = oldPieces.Next();
-    if (now->isZero) {
-      // What became zero must be stored: a hole of the increment would show the parent's bytes.
-      for (const Stretch& stretch : NonZeroStretches(before->Bytes())) {
-        writer.WriteZeros(now->offset + stretch.offset, stretch.length);
-      }
-    } else {
-      const std::span<std::byte> bytes = now->Bytes();
-      for (const Stretch& stretch : DifferentStretches(bytes, before->Bytes())) {
-        writer.Write(now->offset + stretch.offset, bytes.subspan(stretch.offset, stretch.length));
+    for (const Stretch& stretch : pair->Differences()) {
+      if (pair->first) {
+        writer.Write(pair->offset + stretch.offset,
+                     pair->first->subspan(stretch.offset, stretch.length));
+      } else {
+        // What became zero must be stored: a hole of the increment would show the parent's bytes.
+        writer.WriteZeros(pair->offset + stretch.offset, stretch.length);
       }
     }
-    progress.Update(now->offset + now->length);
+    progress.Update(pair->offset + pair->length);
   }
 }
 
@@ -142,6 +142,7 @@ void Increment(const IncrementOptions& options) {
   ObtainChainPassword(options.password, chain, password);
   const ChainReaders readers(chain, password.CString());
   const ChainReader& reader = readers.First();
+  const std::optional<DataCells> cells = FindDataCells(chain, source.Size());
 
   ImageOutput output(out, options.common.Output());
   ImageWriter writer(header, {.path = output.WritePath(),
@@ -153,7 +154,7 @@ void Increment(const IncrementOptions& options) {
   double seconds = 0;
   {
     Progress progress("Comparing", source.Size(), options.common.quiet);
-    StoreDifferences(source, readers, writer, progress);
+    StoreDifferences(source, readers, cells ? &*cells : nullptr, writer, progress);
     if (writer.StoredBytes() == 0 && source.Size() != reader.VolumeSize()) {
       StoreUnchangedBlock(reader, source.Size(), writer);
     }

@@ -53,7 +53,10 @@ bool MarkData(const ImageFile& file, DataCells& cells) {
 }  // namespace
 
 std::optional<DataCells> FindDataCells(const Chain& chain) {
-  const std::uint64_t size = chain.back().info.sourceSize;
+  return FindDataCells(chain, chain.back().info.sourceSize);
+}
+
+std::optional<DataCells> FindDataCells(const Chain& chain, std::uint64_t size) {
   if (size > kLargestVolume) return std::nullopt;
   DataCells cells(size);
   for (const ImageFile& file : chain) {

@@ -10,6 +10,8 @@
 #include <memory>
 
 #include "kqimage/image/chain_finder.h"
+#include "kqimage/pieces/block_compare.h"
+#include "kqimage/pieces/piece_pairs.h"
 #include "kqimage/pieces/read_ahead.h"
 #include "kqimage/pieces/volume_pieces.h"
 #include "kqimage/system/next_name.h"
@@ -17,6 +19,7 @@
 #include "kqimage/system/unique_fd.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/text.h"
+#include "kqimage/verify/chain_data.h"
 #include "kqimage/verify/verify_losses.h"
 
 namespace kqimage {
@@ -56,19 +59,25 @@ std::vector<VolumeRange> LostOf(const Chain& files, const char* password,
 
 void AddDifferences(std::uint64_t offset, std::span<const std::byte> a,
                     std::span<const std::byte> b, RangeSet& different) {
-  // Blocks that are the same are passed over fast.
-  constexpr std::size_t kBlock = 4096;
-  for (std::size_t at = 0; at < a.size(); at += kBlock) {
-    const std::size_t end = std::min(a.size(), at + kBlock);
-    if (std::memcmp(a.data() + at, b.data() + at, end - at) == 0) continue;
-    for (std::size_t i = at; i < end;) {
-      if (a[i] == b[i]) {
-        ++i;
-        continue;
-      }
-      const std::size_t begin = i;
-      while (i < end && a[i] != b[i]) ++i;
-      different.Add({offset + begin, i - begin});
+  for (std::size_t i = 0; i < a.size();) {
+    if (a[i] == b[i]) {
+      ++i;
+      continue;
+    }
+    const std::size_t begin = i;
+    while (i < a.size() && a[i] != b[i]) ++i;
+    different.Add({offset + begin, i - begin});
+  }
+}
+
+void AddDifferences(const PiecePair& pair, RangeSet& different) {
+  static constexpr std::array<std::byte, kBlockBytes> kZeros = {};
+  for (const Stretch& stretch : pair.Differences()) {
+    for (std::size_t at = stretch.offset; at < stretch.offset + stretch.length; at += kBlockBytes) {
+      const std::size_t length = std::min(kBlockBytes, stretch.offset + stretch.length - at);
+      const std::span<const std::byte> zeros = std::span(kZeros).first(length);
+      AddDifferences(pair.offset + at, pair.first ? pair.first->subspan(at, length) : zeros,
+                     pair.second ? pair.second->subspan(at, length) : zeros, different);
     }
   }
 }
@@ -117,6 +126,10 @@ std::uint64_t ComparedSide::Size() const {
   return reader_ ? reader_->VolumeSize() : source_->Size();
 }
 
+std::optional<DataCells> ComparedSide::Cells(std::uint64_t size) const {
+  return reader_ ? FindDataCells(chain_, size) : source_->Cells(size);
+}
+
 void ComparedSide::Read(std::uint64_t offset, std::span<std::byte> bytes) const {
   if (reader_) return reader_->Read(offset, bytes);
   if (ReadAt(source_->Fd(), source_->Start() + offset, bytes, path_) != bytes.size()) {
@@ -140,12 +153,14 @@ Comparison Compare(const ComparedSide& a, const ComparedSide& b,
       ReadAround(side, unknown, offset, bytes);
     };
   };
-  ReadAhead piecesOfA(VolumePieces(common, reader(a)));
-  ReadAhead piecesOfB(VolumePieces(common, reader(b)));
-  while (const Piece* pieceOfA = piecesOfA.Next()) {
-    const Piece* pieceOfB = piecesOfB.Next();
-    progress(pieceOfA->offset);
-    AddDifferences(pieceOfA->offset, pieceOfA->Bytes(), pieceOfB->Bytes(), result.different);
+  const std::optional<DataCells> cellsOfA = a.Cells(common);
+  const std::optional<DataCells> cellsOfB = b.Cells(common);
+  ReadAhead piecesOfA(VolumePieces(common, reader(a), cellsOfA ? &*cellsOfA : nullptr));
+  ReadAhead piecesOfB(VolumePieces(common, reader(b), cellsOfB ? &*cellsOfB : nullptr));
+  PiecePairs pairs(piecesOfA, piecesOfB);
+  while (const PiecePair* pair = pairs.Next()) {
+    progress(pair->offset);
+    AddDifferences(*pair, result.different);
   }
   return result;
 }

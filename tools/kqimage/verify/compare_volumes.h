@@ -16,6 +16,7 @@
 
 #include "kqimage/image/chain_reader.h"
 #include "kqimage/password/password_options.h"
+#include "kqimage/pieces/data_cells.h"
 #include "kqimage/verify/range_set.h"
 #include "kqimage/volume/volume_source.h"
 
@@ -38,6 +39,9 @@ class ComparedSide {
 
   // What can't be read, in order.
   const std::vector<VolumeRange>& Lost() const { return lost_; }
+
+  // In which cells of the first size bytes there may be data; none if that can't be told.
+  std::optional<DataCells> Cells(std::uint64_t size) const;
 
   // Fills bytes from the offset, none of which is lost.
   void Read(std::uint64_t offset, std::span<std::byte> bytes) const;

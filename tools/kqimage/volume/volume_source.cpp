@@ -20,8 +20,7 @@ namespace kqimage {
 // Walks over the source; copied into the producer.
 class SourcePieces {
  public:
-  SourcePieces(const VolumeSource& source, VolumeSource::Holes holes)
-      : source_(&source), holes_(holes) {}
+  explicit SourcePieces(const VolumeSource& source) : source_(&source) {}
 
   bool operator()(Piece& piece) {
     if (next_ >= source_->size_) return false;
@@ -43,9 +42,6 @@ class SourcePieces {
   std::uint64_t HoleLength(std::uint64_t dataStart) const {
     std::uint64_t length = dataStart - next_;
     if (dataStart < source_->size_) length -= length % kPieceBytes;
-    if (holes_ == VolumeSource::Holes::kCellByCell) {
-      length = std::min<std::uint64_t>(length, kPieceBytes);
-    }
     return length;
   }
 
@@ -99,7 +95,6 @@ class SourcePieces {
   }
 
   const VolumeSource* source_;
-  VolumeSource::Holes holes_;
   std::uint64_t next_ = 0;
   std::uint64_t knownDataStart_ = 0;  // no data between next_ and here
 };
@@ -132,6 +127,28 @@ VolumeSource::VolumeSource(const std::string& path, const std::optional<Extent>&
   posix_fadvise(fd_.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
-ReadAhead::Producer VolumeSource::Pieces(Holes holes) const { return SourcePieces(*this, holes); }
+ReadAhead::Producer VolumeSource::Pieces() const { return SourcePieces(*this); }
+
+DataCells VolumeSource::Cells(std::uint64_t size) const {
+  DataCells cells(size);
+  if (size == 0) return cells;
+  cells.Mark(size - 1, 1);
+  for (std::uint64_t at = 0; at < size;) {
+    const off_t from = static_cast<off_t>(start_ + at);
+    const off_t data = hasHoles_ ? lseek(fd_.Get(), from, SEEK_DATA) : from;
+    if (data < 0 && errno == ENXIO) break;
+    const off_t hole = hasHoles_ && data >= 0 ? lseek(fd_.Get(), data, SEEK_HOLE) : -1;
+    if (hole < 0) {  // it can't be told
+      cells.Mark(at, size - at);
+      break;
+    }
+    const std::uint64_t begin = static_cast<std::uint64_t>(data) - start_;
+    const std::uint64_t end = static_cast<std::uint64_t>(hole) - start_;
+    cells.Mark(begin, end - begin);
+    // What else the last cell has changes nothing.
+    at = (end + kPieceBytes - 1) / kPieceBytes * kPieceBytes;
+  }
+  return cells;
+}
 
 }  // namespace kqimage

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "kqimage/pieces/data_cells.h"
 #include "kqimage/pieces/read_ahead.h"
 #include "kqimage/system/unique_fd.h"
 
@@ -28,14 +29,14 @@ class VolumeSource {
   int Fd() const { return fd_.Get(); }
 
   // Produces the pieces of the volume in order, on a grid of kPieceBytes: every piece begins at a
-  // multiple of it. A cell that lies in a hole of the file is not read; it comes as an isZero
-  // piece. Behind the last byte of a piece its buffer is zero up to the next multiple of
-  // kBlockBytes, so that a last stretch can be stored as whole sectors.
-  enum class Holes {
-    kCellByCell,  // each cell of a hole is a piece
-    kJoined,      // neighbouring cells of a hole come as one piece, however long
-  };
-  ReadAhead::Producer Pieces(Holes holes) const;
+  // multiple of it. Cells that lie in a hole of the file are not read; neighbours come as one
+  // isZero piece, however long. Behind the last byte of a piece its buffer is zero up to the next
+  // multiple of kBlockBytes, so that a last stretch can be stored as whole sectors.
+  ReadAhead::Producer Pieces() const;
+
+  // The cells of the first size bytes of the volume, at most all of them, that don't lie in a hole.
+  // The last one always counts as data, so that a reader notices if the file has become shorter.
+  DataCells Cells(std::uint64_t size) const;
 
  private:
   friend class SourcePieces;

@@ -41,9 +41,9 @@ class VolumeSourceTest : public testing::Test {
     bool isZero;
     bool operator==(const Seen&) const = default;
   };
-  std::vector<Seen> Walk(VolumeSource::Holes holes) const {
+  std::vector<Seen> Walk() const {
     const VolumeSource source(path_);
-    const ReadAhead::Producer produce = source.Pieces(holes);
+    const ReadAhead::Producer produce = source.Pieces();
     std::vector<std::byte> buffer(kPieceBytes, std::byte{0xEE});
     std::vector<Seen> seen;
     Piece piece = {.buffer = buffer.data()};
@@ -63,11 +63,34 @@ TEST_F(VolumeSourceTest, PiecesLieOnAGridAndCoverTheVolume) {
   Put(3 * kCell + 17 * kBlockBytes, {1});
   const std::vector<Seen> joined = {
       {0, 3 * kCell, true}, {3 * kCell, kCell, false}, {4 * kCell, 5 * kCell + 5, true}};
-  EXPECT_EQ(Walk(VolumeSource::Holes::kJoined), joined);
-  std::vector<Seen> single;
-  for (std::uint64_t cell = 0; cell < 9; ++cell) single.push_back({cell * kCell, kCell, cell != 3});
-  single.push_back({9 * kCell, 5, true});
-  EXPECT_EQ(Walk(VolumeSource::Holes::kCellByCell), single);
+  EXPECT_EQ(Walk(), joined);
+}
+
+TEST_F(VolumeSourceTest, CellsOutsideHolesAreToldAndTheLastOneAlways) {
+  SetSize(12 * kCell + 5);
+  Put(3 * kCell + 17 * kBlockBytes, {1});
+  Put(6 * kCell - kBlockBytes, std::vector<char>(2 * kBlockBytes, 'x'));  // over a cell's end
+  const auto cellsOf = [&](const std::optional<Extent>& part, std::uint64_t size) {
+    const DataCells cells = VolumeSource(path_, part).Cells(size);
+    std::vector<std::uint64_t> found;
+    for (std::uint64_t at = 0; at < size; at += cells.At(at).length) {
+      if (cells.At(at).hasData) found.push_back(at / kCell);
+    }
+    return found;
+  };
+  using Cells = std::vector<std::uint64_t>;
+  EXPECT_EQ(cellsOf({}, 12 * kCell + 5), (Cells{3, 5, 6, 12}));
+  EXPECT_EQ(cellsOf({}, 4 * kCell), (Cells{3})) << "a part of it";
+  EXPECT_EQ(cellsOf({}, 3 * kCell), (Cells{2}));
+  EXPECT_EQ(cellsOf({}, 0), Cells{});
+  // On a partition's own grid.
+  EXPECT_EQ(cellsOf(Extent{4 * kCell - kBlockBytes, 5 * kCell}, 5 * kCell), (Cells{2, 4}));
+}
+
+TEST_F(VolumeSourceTest, EveryCellOfAFileWithoutHolesHasData) {
+  Put(0, std::vector<char>(3 * kCell, '\0'));
+  const DataCells cells = VolumeSource(path_).Cells(3 * kCell);
+  for (std::uint64_t cell = 0; cell < 3; ++cell) EXPECT_TRUE(cells.At(cell * kCell).hasData);
 }
 
 TEST_F(VolumeSourceTest, TheBufferBehindTheVolumesEndIsZeroToTheEndOfTheBlock) {
@@ -75,7 +98,7 @@ TEST_F(VolumeSourceTest, TheBufferBehindTheVolumesEndIsZeroToTheEndOfTheBlock) {
   const VolumeSource source(path_);
   std::vector<std::byte> buffer(kPieceBytes, std::byte{0xEE});
   Piece piece = {.buffer = buffer.data()};
-  ASSERT_TRUE(source.Pieces(VolumeSource::Holes::kJoined)(piece));
+  ASSERT_TRUE(source.Pieces()(piece));
   EXPECT_EQ(piece.length, kBlockBytes + 10);
   EXPECT_EQ(buffer[kBlockBytes + 9], std::byte{'x'});
   EXPECT_TRUE(IsZero(std::span(buffer).subspan(kBlockBytes + 10, kBlockBytes - 10)));
@@ -87,7 +110,7 @@ TEST_F(VolumeSourceTest, AFileThatShrinksIsAFailureInDataAndInHoles) {
     SetSize(2 * kCell);
     if (!isHole) Put(0, std::vector<char>(2 * kCell, 'x'));
     const VolumeSource source(path_);
-    ReadAhead::Producer produce = source.Pieces(VolumeSource::Holes::kJoined);
+    ReadAhead::Producer produce = source.Pieces();
     SetSize(kCell / 2);
     std::vector<std::byte> buffer(kPieceBytes);
     Piece piece = {.buffer = buffer.data()};
