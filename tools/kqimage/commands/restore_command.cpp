@@ -11,6 +11,7 @@
 #include "kqimage/commands/search_option.h"
 #include "kqimage/image/chain_readers.h"
 #include "kqimage/password/password_options.h"
+#include "kqimage/pieces/shared_pieces.h"
 #include "kqimage/system/file_identity.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/interrupt.h"
@@ -43,15 +44,20 @@ struct RestoreOptions {
 
 void WriteVolume(const ChainReaders& readers, const DataCells* cells, VolumeTarget& target,
                  Progress& progress) {
-  // A new file has its holes already; what a device held before must be overwritten.
-  ReadAhead pieces(readers.Pieces(readers.First().VolumeSize(), ChainReaders::Damage::kFound,
-                                  target.IsDevice() ? nullptr : cells));
-  while (const Piece* piece = pieces.Next()) {
-    ThrowIfInterrupted();
-    if (!piece->isZero) target.Write(piece->offset, piece->Bytes());
-    progress.Update(piece->offset + piece->length);
+  // Each thread writes what it has read. A new file has its holes already; what a device held
+  // before must be overwritten.
+  std::vector<PieceWork> works;
+  for (const ReadVolume& read : readers.Ways(ChainReaders::Damage::kFound)) {
+    works.emplace_back([read, &target](std::uint64_t offset, std::span<std::byte> bytes) {
+      read(offset, bytes);
+      target.Write(offset, bytes);
+    });
   }
-  ThrowIfInterrupted();
+  WorkOnPieces(readers.First().VolumeSize(), target.IsDevice() ? nullptr : cells, works,
+               [&progress](std::uint64_t done) {
+                 ThrowIfInterrupted();
+                 progress.Update(done);
+               });
   target.Finish();
 }
 

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <span>
 #include <thread>
-
-#include "kqimage/pieces/volume_pieces.h"
+#include <utility>
 
 namespace kqimage {
 namespace {
@@ -25,16 +24,22 @@ ChainReaders::ChainReaders(const Chain& chain, const char* password) {
   }
 }
 
+std::vector<ReadVolume> ChainReaders::Ways(Damage damage) const {
+  std::vector<ReadVolume> ways;
+  for (const auto& each : readers_) {
+    ways.emplace_back(
+        [reader = each.get(), damage](std::uint64_t offset, std::span<std::byte> bytes) {
+          damage == Damage::kFound ? reader->ReadWhole(offset, bytes) : reader->Read(offset, bytes);
+        });
+  }
+  return ways;
+}
+
 std::vector<ReadAhead::Producer> ChainReaders::Pieces(std::uint64_t size, Damage damage,
                                                       const DataCells* cells) const {
   std::vector<ReadAhead::Producer> producers;
-  for (const auto& reader : readers_) {
-    producers.push_back(VolumePieces(
-        size,
-        [reader = reader.get(), damage](std::uint64_t offset, std::span<std::byte> bytes) {
-          damage == Damage::kFound ? reader->ReadWhole(offset, bytes) : reader->Read(offset, bytes);
-        },
-        cells));
+  for (ReadVolume& way : Ways(damage)) {
+    producers.push_back(VolumePieces(size, std::move(way), cells));
   }
   return producers;
 }

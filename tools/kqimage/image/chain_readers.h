@@ -13,6 +13,7 @@
 #include "kqimage/image/chain_reader.h"
 #include "kqimage/pieces/data_cells.h"
 #include "kqimage/pieces/read_ahead.h"
+#include "kqimage/pieces/volume_pieces.h"
 
 namespace kqimage {
 
@@ -30,6 +31,9 @@ class ChainReaders {
   // Producers of the volume's pieces up to size, which share the work; cells as for VolumePieces.
   std::vector<ReadAhead::Producer> Pieces(std::uint64_t size, Damage damage,
                                           const DataCells* cells = nullptr) const;
+
+  // A way to read the volume for each thread of so many.
+  std::vector<ReadVolume> Ways(Damage damage) const;
 
  private:
   std::vector<std::unique_ptr<ChainReader>> readers_;

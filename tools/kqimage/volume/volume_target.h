@@ -21,7 +21,8 @@ class VolumeTarget {
   // Throws a Failure if the path can't take size bytes, or exists and force is not given.
   VolumeTarget(const std::string& path, std::uint64_t size, bool force);
 
-  // Writes a piece of the volume, from a multiple of kBlockBytes.
+  // Writes a piece of the volume, from a multiple of kBlockBytes. Several threads may do so at
+  // once, each its own pieces.
   void Write(std::uint64_t offset, std::span<const std::byte> bytes);
 
   // Makes all durable and, for a file, gives it its name.
