@@ -1,12 +1,13 @@
 // Every chunk of an image that compresses passes through here before the compressor sees it. Data
 // that isn't zero is found out in its first bytes as a rule, so the first block is looked at before
 // anything is set up; data that is zero is read at the speed of memory. Measured on 1 MiB in the
-// second-level cache: 16-byte loads in a plain loop 37 GB/s, eight 32-byte loads for each branch
-// 110 GB/s, 64-byte loads 126 GB/s; from memory all of them 24 to 27 GB/s. The third way isn't
-// worth its code.
+// second-level cache that begins 16 bytes behind a line's start, beside memchr with 118 GB/s:
+// 16-byte loads in a plain loop 37 GB/s, eight 32-byte loads for each branch 118 GB/s, the same
+// from lines' starts 124 GB/s, four 64-byte loads from lines' starts 132 GB/s. From memory the
+// second and the third way have 27 to 29 GB/s, the last 19 to 25, so it is the third.
 //
-// The rest behind the last whole block is covered by a block that ends with the data and overlaps
-// what was tested already.
+// What lies before the first whole line and behind the last whole block is covered by blocks that
+// begin and end with the data and overlap what else is tested.
 #include "codec/all_zero.h"
 
 #include <immintrin.h>
@@ -19,6 +20,12 @@ namespace {
 constexpr std::uint64_t kSmallBlock = 16;
 constexpr std::uint64_t kSse2Block = 128;
 constexpr std::uint64_t kAvx2Block = 256;
+constexpr std::uint64_t kLine = 64;
+
+// From 1 to a whole line.
+std::uint64_t BytesToNextLine(const std::uint8_t* bytes) {
+  return kLine - reinterpret_cast<std::uintptr_t>(bytes) % kLine;
+}
 
 bool IsZeroVector(__m128i value) {
   return _mm_movemask_epi8(_mm_cmpeq_epi8(value, _mm_setzero_si128())) == 0xFFFF;
@@ -76,11 +83,12 @@ bool IsAllZeroSse2(const void* data, std::uint64_t length) {
 __attribute__((target("avx2"))) bool IsAllZeroAvx2(const void* data, std::uint64_t length) {
   if (length < kAvx2Block) return IsAllZeroSse2(data, length);
   const auto* bytes = static_cast<const std::uint8_t*>(data);
-  const std::uint8_t* const end = bytes + length;
-  for (; length >= kAvx2Block; bytes += kAvx2Block, length -= kAvx2Block) {
+  const std::uint8_t* const lastBlock = bytes + length - kAvx2Block;
+  if (!IsZeroAvx2Block(bytes)) return false;
+  for (bytes += BytesToNextLine(bytes); bytes < lastBlock; bytes += kAvx2Block) {
     if (!IsZeroAvx2Block(bytes)) return false;
   }
-  return IsZeroAvx2Block(end - kAvx2Block);
+  return IsZeroAvx2Block(lastBlock);
 }
 
 bool IsAllZero(const void* data, std::uint64_t length) {

@@ -85,6 +85,24 @@ TEST(IsAllZero, WhatLiesAroundTheDataDoesNotCount) {
   }
 }
 
+TEST(IsAllZero, FindsAByteInEachPlaceWhereverTheDataBegins) {
+  constexpr std::size_t kLine = 64;
+  for (const Way& way : Ways()) {
+    std::vector<std::uint8_t> bytes(1024 + kLine);
+    for (std::size_t shift = 0; shift < kLine; ++shift) {
+      for (const std::size_t length : {256u, 257u, 319u, 320u, 511u, 512u, 513u, 800u, 1024u}) {
+        for (std::size_t at = shift; at < shift + length; ++at) {
+          bytes[at] = 1;
+          ASSERT_FALSE(way.test(bytes.data() + shift, length))
+              << way.name << " " << shift << " " << length << " " << at;
+          bytes[at] = 0;
+        }
+        ASSERT_TRUE(way.test(bytes.data() + shift, length)) << way.name;
+      }
+    }
+  }
+}
+
 TEST(IsAllZero, AnswersAsThePlainTestOnSparseData) {
   const std::uint32_t seed = kqtest::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
