@@ -17,6 +17,11 @@ namespace kq {
 // Overwrites memory with zero in a way that the optimiser can't remove.
 void Wipe(void* memory, std::size_t size);
 
+// Memory for a table, not initialised, to be freed with std::free; null if there is none. Large
+// tables, like large aligned buffers, get large pages where the system has them: they are filled to
+// their end, and a stop for each small page takes longer than filling it.
+void* AllocateTable(std::size_t size);
+
 struct FreeDeleter {
   void operator()(void* memory) const { std::free(memory); }
 };

@@ -186,6 +186,42 @@ TEST(SecretBuffer, IsWipedWhenAnotherIsMovedOntoIt) {
   EXPECT_FALSE(other);
 }
 
+using Table = std::unique_ptr<std::uint8_t, kq::FreeDeleter>;
+
+Table MakeTable(std::size_t size) {
+  return Table(static_cast<std::uint8_t*>(kq::AllocateTable(size)));
+}
+
+TEST(AllocateTable, AllBytesOfAnySizeCanBeWritten) {
+  for (const std::size_t size : {0U, 1U, 5000U, 0x3FFFFFU, 0x400000U, 0x400001U, 0x5FFFFFU}) {
+    const Table table = MakeTable(size);
+    ASSERT_NE(table, nullptr) << size;
+    std::memset(table.get(), 0x5A, size);
+    HeapBuffer buffer = HeapBuffer::AllocateAligned(512, size);
+    ASSERT_TRUE(buffer) << size;
+    EXPECT_EQ(buffer.size(), size);
+    std::memset(buffer.data(), 0x5A, size);
+    EXPECT_TRUE(IsZero(HeapBuffer::AllocateAlignedZeroed(512, size).bytes())) << size;
+  }
+}
+
+// Without that none of its pages can be large but by chance.
+TEST(AllocateTable, LargeOnesBeginAtALargePage) {
+  constexpr std::size_t kLargePage = 0x200000;
+  for (const std::size_t size : {2 * kLargePage, 2 * kLargePage + 1, 5 * kLargePage}) {
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(MakeTable(size).get()) % kLargePage, 0U);
+    const HeapBuffer buffer = HeapBuffer::AllocateAligned(512, size);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % kLargePage, 0U);
+  }
+}
+
+TEST(AllocateTable, IsNullWithoutMemory) {
+  const FailingCall noMalloc(Call::kMalloc, ENOMEM, 1);
+  const FailingCall noAligned(Call::kAlignedMalloc, ENOMEM, 1);
+  EXPECT_EQ(MakeTable(100), nullptr);
+  EXPECT_EQ(MakeTable(0x400000), nullptr);
+}
+
 struct Counted {
   explicit Counted(int* count) : alive(count) { ++*alive; }
   ~Counted() { --*alive; }

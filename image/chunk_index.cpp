@@ -1,7 +1,6 @@
 #include "image/chunk_index.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "codec/run_list.h"
 #include "foundation/checked_math.h"
@@ -42,7 +41,7 @@ KQStatus ReadChunkIndex(OpenImageFile* file) {
   while (NextRun(&counter, &volumeOffset, &length32)) ++count;
   if (count != 0) {
     file->IndexEntries.reset(
-        static_cast<ChunkIndexEntry*>(std::malloc(sizeof(ChunkIndexEntry) * std::size_t{count})));
+        static_cast<ChunkIndexEntry*>(AllocateTable(sizeof(ChunkIndexEntry) * std::size_t{count})));
     if (!file->IndexEntries) return KQ_FAIL(kNotEnoughMemory);
   }
   RunReader reader = start;
