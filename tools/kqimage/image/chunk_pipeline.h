@@ -2,10 +2,15 @@
 //
 // The caller's thread fills chunks exactly as the library's writer does, with the library's own
 // code, so the file is the same, byte for byte; but for streams of type 6, whose code lengths may
-// depend on the chunk that the codec had before, and here don't. As many threads as there are
-// processors compress and encipher full chunks, one appends them in the order of the volume, and
-// one computes the SHA-256 of the file as it grows. That is possible because nothing in the first
-// sector, which is written last, depends on the chunks.
+// depend on the chunk that the codec had before, and here don't. Full chunks are compressed and
+// enciphered side by side, appended in the order of the volume, and added in that order to the
+// SHA-256 of the file. That is possible because nothing in the first sector, which is written last,
+// depends on the chunks.
+//
+// There are as many threads as processors, none of which is for one kind of work: each does what
+// is most urgent, a sum before an append before an encoding, and so does the caller's thread while
+// all chunks are in use. So no processor waits while there is work, and the SHA-256, which nobody
+// can share, does not wait for anything but its bytes.
 //
 // Memory: 2 x threads + 2 chunks of up to 1 MiB with as much again for their encoded form, and a
 // codec for each thread (up to 2 MiB); all of it bounded whatever the volume. A thread that fails
@@ -23,6 +28,9 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
+
+#include "kqimage/image/tail_check.h"
 
 namespace kqimage {
 
@@ -48,8 +56,12 @@ class ChunkPipeline {
   // As KQNewImageFileWrite, but a failure may be that of a chunk filled earlier.
   KQStatus Write(std::uint64_t offset, std::span<const std::byte> bytes);
 
-  // Appends what is left, and waits until all is written. Nothing but Finish may follow.
+  // Appends what is left, and waits until all is written. Nothing but what follows here may be
+  // called then.
   KQStatus Flush();
+
+  // What the last two chunks hold, as it was written; valid as long as the object lives.
+  std::vector<WrittenPiece> LastPieces() const;
 
   // Completes the file, as KQNewImageFileClose does.
   KQStatus Finish();

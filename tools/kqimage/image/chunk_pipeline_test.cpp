@@ -117,7 +117,27 @@ class ChunkPipelineTest : public testing::Test {
     }
     ASSERT_EQ(pipeline.Flush().status, 0);
     ASSERT_EQ(pipeline.Finish().status, 0);
+    ExpectTheEndOf(calls, pipeline.LastPieces());
     EXPECT_EQ(pipeline.Sum(), Sha256OfFile(path, [](std::uint64_t) {}));
+  }
+
+  // The pieces are what was written last, byte by byte and in the same order.
+  static void ExpectTheEndOf(const std::vector<WriteCall>& calls,
+                             const std::vector<WrittenPiece>& pieces) {
+    std::size_t call = calls.size() - 1;
+    std::size_t left = calls[call].bytes.size();  // of that call, from its begin
+    ASSERT_FALSE(pieces.empty());
+    for (std::size_t i = pieces.size(); i-- > 0;) {
+      for (std::size_t end = pieces[i].bytes.size(); end > 0;) {
+        if (left == 0) left = calls.at(--call).bytes.size();
+        const std::size_t count = std::min(left, end);
+        left -= count;
+        end -= count;
+        ASSERT_EQ(pieces[i].offset + end, calls[call].offset + left);
+        ASSERT_EQ(std::memcmp(pieces[i].bytes.data() + end, calls[call].bytes.data() + left, count),
+                  0);
+      }
+    }
   }
 
   // The moment of creation and the record's identifiers, with the checksum over all of it, are all

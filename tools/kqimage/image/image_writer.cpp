@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "kqimage/image/chunk_count_check.h"
+#include "kqimage/image/tail_check.h"
 #include "kqimage/pieces/block_compare.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/text.h"
@@ -31,7 +32,6 @@ void ImageWriter::Write(std::uint64_t offset, std::span<const std::byte> bytes) 
   const std::size_t whole = (bytes.size() + sectorSize_ - 1) / sectorSize_ * sectorSize_;
   bytes = {bytes.data(), whole};
   Check(pipeline_.Write(offset, bytes), "write the image", wish_.name);
-  tail_.Keep(offset, bytes);
   storedBytes_ += whole;
 }
 
@@ -54,7 +54,7 @@ void ImageWriter::Finish(const Chain& parents) {
   }
   Chain chain = parents;
   chain.push_back(ReadImageFile(wish_.path));
-  tail_.Verify(ChainReader(chain, wish_.password), wish_.name);
+  CheckTail(ChainReader(chain, wish_.password), pipeline_.LastPieces(), wish_.name);
 }
 
 std::optional<std::string> ImageWriter::Sum() {

@@ -13,7 +13,6 @@
 
 #include "kqimage/image/chunk_pipeline.h"
 #include "kqimage/image/header_template.h"
-#include "kqimage/image/tail_check.h"
 
 namespace kqimage {
 
@@ -56,7 +55,6 @@ class ImageWriter {
   std::uint32_t compressionType_;
   ChunkPipeline pipeline_;
   std::uint64_t storedBytes_ = 0;
-  TailCheck tail_;
 };
 
 }  // namespace kqimage
