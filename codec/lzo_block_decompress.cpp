@@ -1,5 +1,6 @@
 #include <emmintrin.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstring>
@@ -59,10 +60,14 @@ Outcome CopyLiterals(Frame* frame, std::size_t count) {
 Outcome CopyFrom(Frame* frame, const Byte* source, std::size_t count) {
   if (count > frame->OutLeft()) return Outcome::kOutputFull;
   Byte* out = frame->out;
-  if (static_cast<std::size_t>(out - source) >= count) {
-    std::memcpy(out, source, count);
-  } else {
-    for (std::size_t i = 0; i < count; ++i) out[i] = source[i];
+  // A source that overlaps the target repeats itself, so each step has twice the last one's bytes
+  // to copy from. A match that fills the output's end comes here: of a chunk that is one pattern,
+  // or ends in zeros, it is nearly all.
+  const auto distance = static_cast<std::size_t>(out - source);
+  for (std::size_t done = 0; done < count;) {
+    const std::size_t step = std::min(count - done, distance + done);
+    std::memcpy(out + done, source, step);
+    done += step;
   }
   frame->out = out + count;
   frame->sourceEnd = source + count;

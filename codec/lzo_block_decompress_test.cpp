@@ -157,6 +157,29 @@ Bytes LongStart(std::size_t size) {
   return stream;
 }
 
+// What a chunk of one pattern, or with zeros at its end, is decoded with.
+TEST(LzoBlockDecompress, OneMatchRepeatsAPatternUpToTheEndOfTheRoom) {
+  for (const std::size_t distance : {1u, 2u, 3u, 5u, 7u, 8u, 13u, 16u, 31u, 33u, 100u, 200u}) {
+    for (const std::size_t length : {34u, 48u, 99u, 256u, 289u, 1000u, 4999u}) {
+      Bytes expected;
+      for (std::size_t i = 0; i < distance; ++i) {
+        expected.push_back(static_cast<std::uint8_t>(i * 7 + 1));
+      }
+      Bytes stream = Join({{static_cast<std::uint8_t>(17 + distance)}, expected, {0x20}});
+      stream.resize(stream.size() + (length - 34) / 255);
+      stream.push_back(static_cast<std::uint8_t>((length - 34) % 255 + 1));
+      const std::size_t word = (distance - 1) << 2;
+      stream.push_back(static_cast<std::uint8_t>(word));
+      stream.push_back(static_cast<std::uint8_t>(word >> 8));
+      for (std::size_t i = 0; i < length; ++i) expected.push_back(expected[i]);
+      const Bytes whole = Frame(Join({stream, kEnd}));
+      for (const std::size_t more : {0u, 1u, 40u, 5000u}) {
+        ExpectDecoded(whole, expected.size() + more, 0, expected, whole.size());
+      }
+    }
+  }
+}
+
 TEST(LzoBlockDecompress, FarMatches) {
   const Bytes text = Ascii("abcdefghijkl");
   const auto check = [&](std::size_t size, const Bytes& match, std::size_t distance,
