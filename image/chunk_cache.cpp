@@ -1,5 +1,7 @@
 #include "image/chunk_cache.h"
 
+#include <sanitizer/asan_interface.h>
+
 #include <utility>
 
 #include "foundation/configuration.h"
@@ -23,11 +25,46 @@ constinit BucketIndex<ChunkCacheEntry, &ChunkCacheEntry::nextInBucket> chunkInde
 // More than any chunk that our writer makes; larger ones are not worth holding.
 constexpr std::size_t kLargestSpare = 0x400000;
 
-// The chunk that was evicted last, for its memory; in no list any more.
-constinit ChunkCacheEntry* spare GUARDED_BY(chunkCacheMutex) = nullptr;
+// The chunks that were evicted last, newest first, for their memory: one for each of a few threads
+// that decode at the same time.
+constexpr std::uint32_t kMostSpares = 2;
+constinit ChunkOrder spares GUARDED_BY(chunkCacheMutex);
+constinit std::uint32_t spareCount GUARDED_BY(chunkCacheMutex) = 0;
 
-Owned<ChunkCacheEntry> TakeSpare() REQUIRES(chunkCacheMutex) {
-  return Owned<ChunkCacheEntry>(std::exchange(spare, nullptr));
+void TakeSpare(ChunkCacheEntry* entry) REQUIRES(chunkCacheMutex) {
+  spares.Remove(entry);
+  --spareCount;
+}
+
+void FreeSpares() REQUIRES(chunkCacheMutex) {
+  while (!spares.empty()) {
+    ChunkCacheEntry* entry = spares.first();
+    TakeSpare(entry);
+    Owned<ChunkCacheEntry>(entry).reset();
+  }
+}
+
+// Memory of stored forms that nobody uses, newest first, and how much there is of it at most.
+constexpr std::uint32_t kMostStored = 4;
+constexpr std::size_t kLargestStored = 0x200000;
+constinit StoredMemory* spareStored GUARDED_BY(chunkCacheMutex) = nullptr;
+constinit std::uint32_t spareStoredCount GUARDED_BY(chunkCacheMutex) = 0;
+
+// The newest that is large enough, or empty.
+Owned<StoredMemory> TakeSpareStored(std::uint64_t size) REQUIRES(chunkCacheMutex) {
+  StoredMemory** link = &spareStored;
+  while (*link != nullptr && (*link)->Bytes.size() < size) link = &(*link)->next;
+  Owned<StoredMemory> taken(*link);
+  if (taken) {
+    *link = std::exchange(taken->next, nullptr);
+    --spareStoredCount;
+  }
+  return taken;
+}
+
+void FreeSpareStored() REQUIRES(chunkCacheMutex) {
+  while (TakeSpareStored(0)) {
+  }
 }
 
 // Finds an entry and raises its refCount.
@@ -70,14 +107,18 @@ void FreeAll(ChunkOrder* entries) {
   }
 }
 
-// The same for what has been evicted, of which the last is kept as the spare one.
+// The same for what has been evicted, of which the last is kept as a spare one.
 void FreeEvicted(ChunkOrder* evicted) {
   ChunkCacheEntry* last = evicted->last();
   if (last != nullptr && last->Chunk.Data.size() <= kLargestSpare) {
     evicted->Remove(last);
     const MutexLock lock(chunkCacheMutex);
-    if (spare != nullptr) evicted->PushBack(spare);
-    spare = last;
+    spares.PushFront(last);
+    if (++spareCount > kMostSpares) {
+      ChunkCacheEntry* oldest = spares.last();
+      TakeSpare(oldest);
+      evicted->PushBack(oldest);
+    }
   }
   FreeAll(evicted);
 }
@@ -93,10 +134,45 @@ HeapBuffer AllocateChunk(std::uint64_t size) {
   Owned<ChunkCacheEntry> former;
   {
     const MutexLock lock(chunkCacheMutex);
-    if (spare != nullptr && spare->Chunk.Data.size() == size) former = TakeSpare();
+    ChunkCacheEntry* entry = spares.first();
+    while (entry != nullptr && entry->Chunk.Data.size() != size) entry = ChunkOrder::Next(entry);
+    if (entry != nullptr) {
+      TakeSpare(entry);
+      former.reset(entry);
+    }
   }
   return former ? std::move(former->Chunk.Data)
                 : HeapBuffer::AllocateAligned(kSectorAlignment, size);
+}
+
+Owned<StoredMemory> TakeStoredMemory(std::uint64_t size) {
+  Owned<StoredMemory> memory;
+  {
+    const MutexLock lock(chunkCacheMutex);
+    memory = TakeSpareStored(size);
+  }
+  if (!memory) {
+    memory = MakeOwned<StoredMemory>();
+    if (memory) memory->Bytes = HeapBuffer::AllocateAligned(kSectorAlignment, size);
+    if (memory && !memory->Bytes) memory.reset();
+  }
+  // Who reads beyond what was asked for is to be found out.
+  if (memory) ASAN_POISON_MEMORY_REGION(memory->Bytes.data() + size, memory->Bytes.size() - size);
+  return memory;
+}
+
+void GiveBackStoredMemory(Owned<StoredMemory> memory) {
+  ASAN_UNPOISON_MEMORY_REGION(memory->Bytes.data(), memory->Bytes.size());
+  if (memory->Bytes.size() > kLargestStored) return;
+  Owned<StoredMemory> oldest;
+  const MutexLock lock(chunkCacheMutex);
+  memory->next = spareStored;
+  spareStored = memory.release();
+  if (++spareStoredCount <= kMostStored) return;
+  StoredMemory* last = spareStored;
+  while (last->next->next != nullptr) last = last->next;
+  oldest.reset(std::exchange(last->next, nullptr));
+  --spareStoredCount;
 }
 
 KQStatus ChunkInsert(const OpenImageFile* file, std::uint64_t fileOffset, ExpandedChunk chunk,
@@ -138,10 +214,10 @@ void ChunkPut(ChunkCacheEntry* entry) {
 
 void PurgeChunks(const OpenImageFile* file) {
   ChunkOrder purged;
-  Owned<ChunkCacheEntry> former;
   {
     const MutexLock lock(chunkCacheMutex);
-    former = TakeSpare();
+    FreeSpares();
+    FreeSpareStored();
     for (ChunkCacheEntry* entry = chunkOrder.first(); entry != nullptr;) {
       ChunkCacheEntry* next = ChunkOrder::Next(entry);
       if (entry->File == file) {
@@ -156,7 +232,8 @@ void PurgeChunks(const OpenImageFile* file) {
 
 void ResetChunkCache() {
   const MutexLock lock(chunkCacheMutex);
-  TakeSpare().reset();
+  FreeSpares();
+  FreeSpareStored();
   while (!chunkOrder.empty()) {
     ChunkCacheEntry* entry = chunkOrder.first();
     Unlink(entry);

@@ -6,8 +6,8 @@
 // it; what it holds never changes. chunkCacheMutex guards the list, the counter and the refCounts.
 // It is held for list work only, never across a read, a decode or a copy.
 //
-// The memory of the chunk that was evicted last is kept for the next one that is decoded, until
-// then or until chunks are purged.
+// The memory of the chunks that were evicted last is kept for the next ones that are decoded, until
+// then or until chunks are purged; so is what a few threads have read stored forms into.
 //
 // A failure leaves the cache as it was. Being over the limit is no failure: entries in use stay.
 #ifndef KQ_IMAGE_CHUNK_CACHE_H
@@ -57,6 +57,18 @@ ChunkCacheEntry* ChunkFind(const OpenImageFile* file, std::uint64_t fileOffset);
 // one. Its pages are there already; new ones would cost a read of an image from end to end more
 // than the reading. Empty: out of memory.
 HeapBuffer AllocateChunk(std::uint64_t size);
+
+// Memory for the stored form of a chunk, which a thread is done with as soon as it is expanded. A
+// new mapping for each costs a read from end to end a sixth of its time, most of all where another
+// processor must be told that it is gone.
+struct StoredMemory {
+  HeapBuffer Bytes;  // at least what was asked for
+  StoredMemory* next = nullptr;
+};
+
+// Not initialised. Empty: out of memory.
+Owned<StoredMemory> TakeStoredMemory(std::uint64_t size);
+void GiveBackStoredMemory(Owned<StoredMemory> memory);
 
 // Hands an expanded chunk over, and evicts what is above the limit. *entry comes with its refCount
 // raised; it is another thread's if that was faster. -8 frees the chunk.

@@ -113,6 +113,64 @@ TEST_F(ChunkCacheTest, AnEvictedChunksMemoryIsForTheNextOfItsSize) {
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(another.data()) % kSectorAlignment, 0u);
 }
 
+TEST_F(ChunkCacheTest, MemoryOfStoredFormsIsUsedAgainWhereItIsLargeEnough) {
+  Owned<StoredMemory> first = TakeStoredMemory(1000);
+  ASSERT_NE(first, nullptr);
+  const StoredMemory* const small = first.get();
+  Owned<StoredMemory> second = TakeStoredMemory(5000);
+  const StoredMemory* const large = second.get();
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(second->Bytes.data()) % kSectorAlignment, 0u);
+  GiveBackStoredMemory(std::move(second));
+  GiveBackStoredMemory(std::move(first));
+  Owned<StoredMemory> fits = TakeStoredMemory(1001);
+  EXPECT_EQ(fits.get(), large);
+  Owned<StoredMemory> none = TakeStoredMemory(5000);
+  EXPECT_NE(none.get(), large) << "that is in use";
+  EXPECT_GE(none->Bytes.size(), 5000u);
+  Owned<StoredMemory> exact = TakeStoredMemory(1000);
+  EXPECT_EQ(exact.get(), small);
+  GiveBackStoredMemory(std::move(fits));
+  GiveBackStoredMemory(std::move(none));
+  GiveBackStoredMemory(std::move(exact));
+}
+
+TEST_F(ChunkCacheTest, OnlyAFewStoredFormsKeepTheirMemoryAndNoLargeOne) {
+  std::vector<Owned<StoredMemory>> taken;
+  for (std::uint64_t i = 1; i <= 5; ++i) taken.push_back(TakeStoredMemory(i * 1000));
+  const StoredMemory* const newest = taken.back().get();
+  // The first to come back is the first to go.
+  for (Owned<StoredMemory>& each : taken) GiveBackStoredMemory(std::move(each));
+  GiveBackStoredMemory(TakeStoredMemory(0x200001));
+  Owned<StoredMemory> smallest = TakeStoredMemory(1);
+  EXPECT_EQ(smallest.get(), newest);
+  Owned<StoredMemory> large = TakeStoredMemory(0x200001);
+  EXPECT_EQ(large->Bytes.size(), 0x200001u);
+  std::vector<std::size_t> sizes;
+  std::vector<Owned<StoredMemory>> kept;
+  for (int i = 0; i < 3; ++i) {
+    kept.push_back(TakeStoredMemory(1));
+    sizes.push_back(kept.back()->Bytes.size());
+  }
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{4000, 3000, 2000}));
+  kept.push_back(TakeStoredMemory(1));
+  EXPECT_EQ(kept.back()->Bytes.size(), 1u) << "a new one";
+}
+
+TEST_F(ChunkCacheTest, TwoEvictedChunksKeepTheirMemoryForTwoThreads) {
+  ChunkCacheMaxBytes = 100;
+  std::vector<const std::uint8_t*> memories;
+  for (std::uint64_t i = 1; i <= 4; ++i) {
+    ChunkCacheEntry* entry = Insert(&file_, i, 100);
+    memories.push_back(entry->Chunk.Data.data());
+    ChunkPut(entry);
+  }
+  // The first one's went when the third was evicted.
+  const HeapBuffer first = AllocateChunk(16);
+  const HeapBuffer second = AllocateChunk(16);
+  EXPECT_EQ(first.data(), memories[2]);
+  EXPECT_EQ(second.data(), memories[1]);
+}
+
 // An entry stays what it is while another chunk is decoded into the memory of one that is gone.
 TEST_F(ChunkCacheTest, MemoryOfAnEntryInUseIsNobodyElses) {
   ChunkCacheMaxBytes = 1;

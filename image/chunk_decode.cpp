@@ -35,33 +35,60 @@ constexpr std::uint64_t kLengthBytes = 4;  // the stream's length in front of it
 constexpr std::uint64_t kLongestTail = 0x1010000;
 
 // The stored form of a chunk: its sectors as far as the file holds them, zero behind.
-struct StoredChunk {
-  HeapBuffer bytes;
+class StoredChunk {
+ public:
+  StoredChunk() = default;
+  StoredChunk(const StoredChunk&) = delete;
+  StoredChunk& operator=(const StoredChunk&) = delete;
+  ~StoredChunk() {
+    if (memory_) GiveBackStoredMemory(std::move(memory_));
+  }
+
+  // Not initialised. What is expanded already stays where it is read.
+  bool Allocate(std::uint64_t size, bool isExpanded) {
+    size_ = size;
+    if (isExpanded) {
+      expanded_ = AllocateChunk(size);
+      return static_cast<bool>(expanded_);
+    }
+    memory_ = TakeStoredMemory(size);
+    return memory_ != nullptr;
+  }
+
+  std::uint8_t* data() { return memory_ ? memory_->Bytes.data() : expanded_.data(); }
+  const std::uint8_t* data() const { return memory_ ? memory_->Bytes.data() : expanded_.data(); }
+  std::uint64_t size() const { return size_; }
+  // Of what is expanded already.
+  HeapBuffer Release() { return std::move(expanded_); }
+
   std::uint64_t heldBytes = 0;  // that came from the file
+
+ private:
+  Owned<StoredMemory> memory_;
+  HeapBuffer expanded_;
+  std::uint64_t size_ = 0;
 };
 
-KQStatus ReadStored(const ChunkPlace& place, std::uint64_t storedBytes, bool isRaw, bool needsTail,
-                    StoredChunk* stored) {
+KQStatus ReadStored(const ChunkPlace& place, std::uint64_t storedBytes, bool isExpanded,
+                    bool needsTail, StoredChunk* stored) {
   const std::uint64_t readable = ReadableLength(*place.File, place.FileOffset, storedBytes);
   const std::uint64_t size = needsTail ? std::min(storedBytes, readable + kLongestTail) : readable;
-  // A raw chunk stays where it is read.
-  stored->bytes = isRaw ? AllocateChunk(size) : HeapBuffer::AllocateAligned(kSectorAlignment, size);
-  if (!stored->bytes) return KQ_FAIL(kNotEnoughMemory);
+  if (!stored->Allocate(size, isExpanded)) return KQ_FAIL(kNotEnoughMemory);
   std::uint32_t held = 0;
-  KQ_RETURN_IF_FAILED(OSFileReadAligned(place.File->File, place.FileOffset, stored->bytes.data(),
+  KQ_RETURN_IF_FAILED(OSFileReadAligned(place.File->File, place.FileOffset, stored->data(),
                                         static_cast<std::uint32_t>(readable), &held));
   stored->heldBytes = held;
-  std::memset(stored->bytes.data() + held, 0, size - held);
+  std::memset(stored->data() + held, 0, size - held);
   return Success();
 }
 
 KQStatus Decipher(const ChunkPlace& place, StoredChunk* stored) {
   const std::uint64_t head = place.File->WorkSectorSize;
   const std::uint64_t storedBytes = head * place.StoredSectors;
-  if (stored->bytes.size() < storedBytes) return KQ_FAIL(kNotEnoughMemory);
+  if (stored->size() < storedBytes) return KQ_FAIL(kNotEnoughMemory);
   alignas(16) std::uint8_t vector[16] = {};
   StoreU64(vector, place.ChunkVolumeOffset);
-  std::uint8_t* body = stored->bytes.data() + head;
+  std::uint8_t* body = stored->data() + head;
   if (Failed(ImageDecipherRun(*place.File->Crypto, body, body,
                               static_cast<std::uint32_t>(storedBytes - head), vector))) {
     return KQ_FAIL(kDecryptionFailed);
@@ -85,12 +112,12 @@ KQStatus Expand(const ChunkPlace& place, const StoredChunk& stored, std::uint64_
   const std::uint64_t head = place.File->WorkSectorSize;
   // A work sector is 512 bytes or more, so the body holds the length at least.
   const std::uint64_t bodyBytes = head * place.StoredSectors - head;
-  const std::uint32_t streamLength = LoadU32(stored.bytes.data() + head);
+  const std::uint32_t streamLength = LoadU32(stored.data() + head);
   if (streamLength + kLengthBytes > bodyBytes) return KQ_FAIL(kInvalidData);
 
-  const std::uint8_t* stream = stored.bytes.data() + head + kLengthBytes;
+  const std::uint8_t* stream = stored.data() + head + kLengthBytes;
   const std::uint64_t present =
-      std::min<std::uint64_t>(streamLength, stored.bytes.size() - head - kLengthBytes);
+      std::min<std::uint64_t>(streamLength, stored.size() - head - kLengthBytes);
   // Zeros behind the file's end add nothing to a stream that decodes, but for what a last byte of
   // the file begins.
   const std::uint64_t held = stored.heldBytes > head ? stored.heldBytes - head + 1 : 1;
@@ -99,7 +126,7 @@ KQStatus Expand(const ChunkPlace& place, const StoredChunk& stored, std::uint64_
       std::min(size - head, LargestExpansion(type, present, std::min(present, held)));
   HeapBuffer expanded = AllocateChunk(head + outputLength);
   if (!expanded) return KQ_FAIL(kNotEnoughMemory);
-  std::memcpy(expanded.data(), stored.bytes.data(), head);
+  std::memcpy(expanded.data(), stored.data(), head);
 
   bool good = false;
   if (type == kCompressionLzoHuffman) {
@@ -135,18 +162,19 @@ KQStatus ChunkDecode(const ChunkPlace& place, ExpandedChunk* chunk, DecodeOutcom
   const std::uint64_t storedBytes = std::uint64_t{storedSectors} * file.WorkSectorSize;
   if (storedBytes > kLargestSize) return KQ_FAIL(kNotEnoughMemory);
   const bool isCiphered = storedSectors != 1 && file.EncryptionType != 0;
+  // Raw, or the ChunkHead alone, behind which everything is zero.
+  const bool isExpanded = isRaw || storedSectors == 1;
   StoredChunk stored;
-  KQ_RETURN_IF_FAILED(ReadStored(place, storedBytes, isRaw, isCiphered || !isRaw, &stored));
+  KQ_RETURN_IF_FAILED(ReadStored(place, storedBytes, isExpanded, isCiphered || !isRaw, &stored));
   if (isCiphered) KQ_RETURN_IF_FAILED(Decipher(place, &stored));
 
   const std::uint64_t size = std::uint64_t{place.ExpandedSectors} * file.WorkSectorSize;
   if (size > kLargestSize) return KQ_FAIL(kNotEnoughMemory);
   chunk->Size = static_cast<std::uint32_t>(size);
-  if (!isRaw && storedSectors != 1) return Expand(place, stored, size, chunk, outcome);
+  if (!isExpanded) return Expand(place, stored, size, chunk, outcome);
 
-  // Raw, or the ChunkHead alone, behind which everything is zero.
   chunk->PresentBytes = static_cast<std::uint32_t>(stored.heldBytes);
-  chunk->Data = std::move(stored.bytes);
+  chunk->Data = stored.Release();
   return Success();
 }
 
