@@ -1,6 +1,7 @@
 // Every allocation of every query fails once: the query then answers -8 with its outputs empty, or,
 // where the memory served only to find a better way, what it answers otherwise. Leaks show under
 // the address sanitizer.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -120,7 +121,11 @@ TEST_P(AllocationFailureTest, ChunkIndexHead) {
       [&] {
         HeapBuffer head;
         Result result;
-        result.status = ReadChunkIndexHead(path_.c_str(), &header, &head).status;
+        OSFile* opened = nullptr;
+        result.status = OSFileOpen(path_.c_str(), O_RDONLY, 0, &opened).status;
+        if (result.status != 0) return result;
+        const OSFileOwner owner(opened);
+        result.status = ReadChunkIndexHead(MakeAlignedFile(opened), header, &head).status;
         if (head) result.output.assign(head.data(), head.data() + 512);
         return result;
       },

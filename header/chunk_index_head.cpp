@@ -1,6 +1,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "foundation/little_endian.h"
 #include "header/read_header.h"
@@ -15,19 +16,14 @@ constexpr std::uint64_t kReadAlignment = 4096;
 
 }  // namespace
 
-KQStatus ReadChunkIndexHead(const char* path, const ImageHeader* header, HeapBuffer* head) {
+KQStatus ReadChunkIndexHead(const OSAlignedFile& file, const ImageHeader& header,
+                            HeapBuffer* head) {
   head->Reset();
-  if (path == nullptr || header == nullptr) return KQ_FAIL(kInvalidParameter);
-  OSFile* opened = nullptr;
-  KQ_RETURN_IF_FAILED(OSFileOpen(path, O_RDONLY, 0, &opened));
-  const OSFileOwner owner(opened);
-  const OSAlignedFile file = MakeAlignedFile(opened);
-
   // The header's size is a product of two 32-bit numbers, so it can't overflow.
-  const std::uint32_t sectorSize = header->SectorSize;
-  const std::uint64_t headerBytes = std::uint64_t{sectorSize} * header->HeaderSectors;
+  const std::uint32_t sectorSize = header.SectorSize;
+  const std::uint64_t headerBytes = std::uint64_t{sectorSize} * header.HeaderSectors;
   std::uint64_t fileSize = 0;
-  KQ_RETURN_IF_FAILED(OSFileGetSize(opened, &fileSize));
+  KQ_RETURN_IF_FAILED(OSFileGetSize(file.file, &fileSize));
   if (fileSize < sectorSize || fileSize - sectorSize < headerBytes) return KQ_FAIL(kFileCorrupt);
 
   // After the size is known to be one that the file can hold.
@@ -51,6 +47,26 @@ KQStatus ReadChunkIndexHead(const char* path, const ImageHeader* header, HeapBuf
   // and reads as an index whose image goes on in another part.
   KQ_RETURN_IF_FAILED(OSFileReadAligned(file, indexOffset, sector.data(), sectorSize, &bytesRead));
   *head = std::move(sector);
+  return Success();
+}
+
+KQStatus ReadHeaderAndIndexHead(const char* path, std::uint64_t count, HeapBuffer* sectors,
+                                ChunkIndexHead* indexHead) {
+  sectors->Reset();
+  OSFile* opened = nullptr;
+  KQ_RETURN_IF_FAILED(OSFileOpen(path, O_RDONLY, 0, &opened));
+  const OSFileOwner owner(opened);
+  const OSAlignedFile file = MakeAlignedFile(opened);
+
+  // Sectors that come as they are stored come together with a failure for the password that nobody
+  // gave. Who asks here wants no other, so it does not count.
+  const KQStatus read = ReadHeaderSectors(file, nullptr, 0, count, true, sectors, nullptr);
+  if (!*sectors) return read;
+  ImageHeader header;
+  std::memcpy(&header, sectors->data(), sizeof header);
+  HeapBuffer index;
+  KQ_RETURN_IF_FAILED(ReadChunkIndexHead(file, header, &index));
+  std::memcpy(indexHead, index.data(), sizeof *indexHead);
   return Success();
 }
 

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -24,7 +25,11 @@ class ReadChunkIndexHeadTest : public testing::Test {
     kqtest::WriteFile(path_, file);
     ImageHeader header;
     std::memcpy(&header, file.data(), sizeof header);
-    return ReadChunkIndexHead(path_.c_str(), &header, head);
+    OSFile* opened = nullptr;
+    const KQStatus status = OSFileOpen(path_.c_str(), O_RDONLY, 0, &opened);
+    if (status.status != 0) return status;
+    const OSFileOwner owner(opened);
+    return ReadChunkIndexHead(MakeAlignedFile(opened), header, head);
   }
   void ExpectFailure(const Bytes& file, std::int32_t status, const char* module) {
     HeapBuffer head = HeapBuffer::Allocate(1);
@@ -57,29 +62,6 @@ TEST_F(ReadChunkIndexHeadTest, GivesTheFirstSectorOfTheIndex) {
     EXPECT_EQ(std::memcmp(head.data(), file.data() + layout.indexOffset, sectorSize), 0);
     EXPECT_EQ(Get32(head.bytes(), 8), 0x12345678u);
   }
-}
-
-TEST_F(ReadChunkIndexHeadTest, NullArgumentsAreInvalidAndClearTheResult) {
-  ImageHeader header{};
-  HeapBuffer head = HeapBuffer::Allocate(1);
-  KQStatus status = ReadChunkIndexHead(nullptr, &header, &head);
-  EXPECT_EQ(status.status, -87);
-  EXPECT_STREQ(status.file, "kqimageapi");
-  EXPECT_FALSE(head);
-  head = HeapBuffer::Allocate(1);
-  status = ReadChunkIndexHead("x", nullptr, &head);
-  EXPECT_EQ(status.status, -87);
-  EXPECT_FALSE(head);
-}
-
-TEST_F(ReadChunkIndexHeadTest, OpenFailureIsHandedOn) {
-  ImageHeader header{};
-  header.SectorSize = 512;
-  header.HeaderSectors = 1;
-  HeapBuffer head;
-  const KQStatus status = ReadChunkIndexHead(path_.c_str(), &header, &head);
-  EXPECT_EQ(status.status, -2);
-  EXPECT_EQ(status.detail2, 2u);
 }
 
 TEST_F(ReadChunkIndexHeadTest, FileHoldsItsHeaderAndOneSectorMore) {
@@ -203,6 +185,35 @@ TEST_F(ReadChunkIndexHeadTest, SectorsOfAFewBytesStillGiveAWholeHead) {
       EXPECT_EQ(head.data()[i], i < sectorSize ? 0x55 : 0) << i;
     }
   }
+}
+
+using ReadHeaderAndIndexHeadTest = ReadChunkIndexHeadTest;
+
+TEST_F(ReadHeaderAndIndexHeadTest, GivesAsManyHeaderSectorsAsAreAskedForAndTheHead) {
+  const Bytes file = kqtest::BuildImage(SpecWith(512));
+  kqtest::WriteFile(path_, file);
+  for (const std::uint64_t count : {1u, 2u, 0u}) {
+    HeapBuffer sectors;
+    ChunkIndexHead head{};
+    ASSERT_EQ(ReadHeaderAndIndexHead(path_.c_str(), count, &sectors, &head).status, 0);
+    ASSERT_GE(sectors.size(), count == 1 ? 512u : 1024u);
+    EXPECT_EQ(std::memcmp(sectors.data(), file.data(), count == 1 ? 512 : 1024), 0) << count;
+    EXPECT_EQ(head.LastPart, 0x12345678u);
+  }
+}
+
+// The header's failures come before those of the tail.
+TEST_F(ReadHeaderAndIndexHeadTest, HandsOnTheFirstFailure) {
+  HeapBuffer sectors;
+  ChunkIndexHead head{};
+  KQStatus status = ReadHeaderAndIndexHead(path_.c_str(), 1, &sectors, &head);
+  EXPECT_EQ(status.status, -2);
+  EXPECT_EQ(status.detail2, 2u);
+  Bytes file = kqtest::BuildImage(SpecWith(512));
+  kqtest::WriteFile(path_, Bytes(file.begin(), file.begin() + 1024));
+  EXPECT_EQ(ReadHeaderAndIndexHead(path_.c_str(), 3, &sectors, &head).status, -2);
+  EXPECT_FALSE(sectors);
+  EXPECT_EQ(ReadHeaderAndIndexHead(path_.c_str(), 2, &sectors, &head).status, -1392);
 }
 
 }  // namespace

@@ -80,14 +80,8 @@ extern "C" KQ_API KQStatus KQImageFileGetInfo(const char* path, ImageFileInfo* i
   if (path == nullptr || info == nullptr) return KQ_FAIL(kInvalidParameter);
 
   HeapBuffer sector;
-  KQ_RETURN_IF_FAILED(ReadHeaderSectorsFromPath(path, nullptr, 0, 1, true, &sector, nullptr));
-  ImageHeader header;
-  std::memcpy(&header, sector.data(), sizeof header);
-  HeapBuffer index;
-  KQ_RETURN_IF_FAILED(ReadChunkIndexHead(path, &header, &index));
   ChunkIndexHead indexHead;
-  std::memcpy(&indexHead, index.data(), sizeof indexHead);
-
+  KQ_RETURN_IF_FAILED(ReadHeaderAndIndexHead(path, 1, &sector, &indexHead));
   FillImageFileInfo(sector.data(), indexHead, info);
   return Success();
 }

@@ -92,17 +92,12 @@ extern "C" KQ_API KQStatus KQImageFileGetInfo2(const char* path, ImageFileInfo2*
   if (info != nullptr) std::memset(info, 0, sizeof *info);
   if (path == nullptr || info == nullptr) return KQ_FAIL(kInvalidParameter);
 
-  // Of an enciphered image the sectors come as stored, together with a failure for the password
-  // that nobody gave. That is what the checksums are over, so the failure does not count.
+  // Of an enciphered image the sectors come as stored, which is what the checksums are over.
   HeapBuffer sectors;
-  const KQStatus read = ReadHeaderSectorsFromPath(path, nullptr, 0, 0, true, &sectors, nullptr);
-  if (!sectors) return read;
+  ChunkIndexHead indexHead;
+  KQ_RETURN_IF_FAILED(ReadHeaderAndIndexHead(path, 0, &sectors, &indexHead));
   ImageHeader header;
   std::memcpy(&header, sectors.data(), sizeof header);
-  HeapBuffer index;
-  KQ_RETURN_IF_FAILED(ReadChunkIndexHead(path, &header, &index));
-  ChunkIndexHead indexHead;
-  std::memcpy(&indexHead, index.data(), sizeof indexHead);
 
   FillImageFileInfo(sectors.data(), indexHead, &info->basic);
   info->headerSectors = header.HeaderSectors;

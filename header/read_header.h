@@ -38,12 +38,19 @@ KQStatus ReadHeaderSectorsFromPath(const char* path, const char* password, std::
                                    std::uint32_t* size);
 
 // Reads the first sector of the file's ChunkIndex, SectorSize bytes; the buffer holds at least a
-// whole ChunkIndexHead, with zero behind a smaller sector. header: at least the fixed 114 bytes.
+// whole ChunkIndexHead, with zero behind a smaller sector. header: as the file has it.
 //
 // The block's own fields are not checked, and an index that lies beyond the file's end may go
-// unnoticed. -87 null path or header; -1392 the file is too small, its last sector holds more than
-// the index's place, or that place lies in the header; -8; or errno mapped.
-KQStatus ReadChunkIndexHead(const char* path, const ImageHeader* header, HeapBuffer* head);
+// unnoticed. -1392 the file is too small, its last sector holds more than the index's place, or
+// that place lies in the header; -8; or errno mapped. head is empty on failure.
+KQStatus ReadChunkIndexHead(const OSAlignedFile& file, const ImageHeader& header, HeapBuffer* head);
+
+// What can be told of the file at path without a password: count header sectors from the first (0:
+// all), as they are stored, and the head of its ChunkIndex. Opens the file once; the statuses are
+// those of the two reads above, in that order, but that of a decipher that nobody asked for. A
+// failure leaves nothing that counts.
+KQStatus ReadHeaderAndIndexHead(const char* path, std::uint64_t count, HeapBuffer* sectors,
+                                ChunkIndexHead* indexHead);
 
 }  // namespace kq
 

@@ -1,9 +1,7 @@
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <utility>
 
-#include "foundation/little_endian.h"
 #include "foundation/object_manager.h"
 #include "header/read_header.h"
 #include "image/chain_order.h"
@@ -30,15 +28,10 @@ HeapString CopyName(const char* text, std::size_t length) {
 // Reads of a file what decides its place in the chain. No key is needed for it.
 KQStatus ReadCandidate(ChainCandidate* candidate) {
   HeapBuffer sector;
-  KQ_RETURN_IF_FAILED(
-      ReadHeaderSectorsFromPath(candidate->name.get(), nullptr, 0, 1, true, &sector, nullptr));
-  // The size of a sector is not checked up to here and may be smaller than a header's fixed part.
-  std::memcpy(&candidate->header, sector.data(), std::min(sector.size(), sizeof candidate->header));
-  HeapBuffer index;
-  KQ_RETURN_IF_FAILED(ReadChunkIndexHead(candidate->name.get(), &candidate->header, &index));
-  if (index.size() >= sizeof(ChunkIndexHead)) {
-    candidate->lastPart = LoadU32(index.data() + offsetof(ChunkIndexHead, LastPart));
-  }
+  ChunkIndexHead indexHead;
+  KQ_RETURN_IF_FAILED(ReadHeaderAndIndexHead(candidate->name.get(), 1, &sector, &indexHead));
+  std::memcpy(&candidate->header, sector.data(), sizeof candidate->header);
+  candidate->lastPart = indexHead.LastPart;
   return Success();
 }
 
