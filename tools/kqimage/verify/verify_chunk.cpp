@@ -120,12 +120,18 @@ bool StreamDecodes(Decoder& decoder, std::span<const std::uint8_t> stream,
   return error == 0 && decoder.OutputSize() == room.size() - 1;
 }
 
-ChunkHeadReading ReadHeadAt(const ImageLayout& image, std::uint64_t fileOffset,
-                            ListEnding& ending) {
+// known: the file's bytes from the head's first one, as many as have been read already.
+ChunkHeadReading ReadHeadAt(const ImageLayout& image, std::uint64_t fileOffset, ListEnding& ending,
+                            std::span<const std::uint8_t> known = {}) {
   ChunkHeadReading head;
   std::uint8_t sector[kLargestSector];
   const std::span<std::uint8_t> bytes(sector, image.header.SectorSize);
-  const PartialRead read = ReadSome(image.fd.Get(), fileOffset, bytes);
+  PartialRead read = {.count = bytes.size(), .error = 0};
+  if (known.size() >= bytes.size()) {
+    std::copy_n(known.begin(), bytes.size(), bytes.begin());
+  } else {
+    read = ReadSome(image.fd.Get(), fileOffset, bytes);
+  }
   if (read.count != bytes.size()) {
     head.damage = {.kind = DamageKind::kReading,
                    .text = read.error != 0 ? ReadErrorText(read.error)
@@ -177,7 +183,8 @@ bool DataKey::Decipher(std::span<std::uint8_t> run, std::uint64_t volumeOffset) 
              .status == KQ_STATUS_SUCCESS;
 }
 
-ChunkHeadReading ReadChunkHead(const ImageLayout& image, std::uint32_t i) {
+ChunkHeadReading ReadChunkHead(const ImageLayout& image, std::uint32_t i,
+                               std::span<const std::uint8_t> bytes) {
   const IndexedChunk& place = image.chunks[i];
   const std::uint64_t sector = image.header.SectorSize;
   const auto damaged = [&](DamageKind kind, std::string text) {
@@ -192,7 +199,7 @@ ChunkHeadReading ReadChunkHead(const ImageLayout& image, std::uint32_t i) {
     return none;
   }
   ListEnding ending = ListEnding::kEndMark;
-  ChunkHeadReading head = ReadHeadAt(image, place.fileOffset, ending);
+  ChunkHeadReading head = ReadHeadAt(image, place.fileOffset, ending, bytes);
   if (head.damage) {
     head.damage->chunk = i;
     head.damage->fileOffset = place.fileOffset;
@@ -262,21 +269,23 @@ std::span<std::uint8_t> ChunkChecker::Buffer::Take(std::size_t size) {
   return {bytes_.get(), size};
 }
 
-ChunkVerdict ChunkChecker::Check(const ImageLayout& image, std::uint32_t i, const DataKey* key) {
+ChunkVerdict ChunkChecker::Check(const ImageLayout& image, std::uint32_t i, const DataKey* key,
+                                 std::span<const std::uint8_t> bytes) {
   ChunkVerdict verdict;
-  const ChunkHeadReading head = ReadChunkHead(image, i);
+  const ChunkHeadReading head = ReadChunkHead(image, i, bytes);
   if (head.damage) {
     verdict.damage = head.damage;
     verdict.isLost = true;
     return verdict;
   }
   verdict.storedSectors = head.storedSectors;
-  verdict.damage = CheckBody(image, i, key, head, verdict);
+  verdict.damage = CheckBody(image, i, key, head, bytes, verdict);
   return verdict;
 }
 
 std::optional<Damage> ChunkChecker::CheckBody(const ImageLayout& image, std::uint32_t i,
                                               const DataKey* key, const ChunkHeadReading& head,
+                                              std::span<const std::uint8_t> bytes,
                                               ChunkVerdict& verdict) {
   const std::uint64_t sector = image.header.SectorSize;
   const std::uint64_t bodyOffset = image.chunks[i].fileOffset + sector;
@@ -287,9 +296,10 @@ std::optional<Damage> ChunkChecker::CheckBody(const ImageLayout& image, std::uin
     return ChunkDamage(image, i, kind, std::move(text));
   };
   verdict.isStream = !isRaw && bodyBytes != 0;
+  const bool isRead = bytes.size() >= sector + bodyBytes;
   // Raw data say nothing about themselves, but the disk must deliver them.
   const std::uint64_t step = isRaw ? kRawPieceBytes : std::max<std::uint64_t>(bodyBytes, 1);
-  for (std::uint64_t at = 0; at < bodyBytes; at += step) {
+  for (std::uint64_t at = 0; at < bodyBytes && !isRead; at += step) {
     const auto size = static_cast<std::size_t>(std::min(step, bodyBytes - at));
     const PartialRead read = ReadSome(image.fd.Get(), bodyOffset + at, stored_.Take(size));
     if (read.count != size) {
@@ -300,9 +310,16 @@ std::optional<Damage> ChunkChecker::CheckBody(const ImageLayout& image, std::uin
   }
   if (!verdict.isStream) return std::nullopt;
 
-  const std::span<std::uint8_t> body = stored_.Take(static_cast<std::size_t>(bodyBytes));
-  if (key != nullptr && !key->Decipher(body, image.chunks[i].volumeOffset)) {
-    return damaged(DamageKind::kStream, "it can't be deciphered");
+  std::span<const std::uint8_t> body =
+      isRead ? bytes.subspan(static_cast<std::size_t>(sector), static_cast<std::size_t>(bodyBytes))
+             : stored_.Take(static_cast<std::size_t>(bodyBytes));
+  if (key != nullptr) {
+    const std::span<std::uint8_t> plain = stored_.Take(body.size());
+    if (isRead) std::copy(body.begin(), body.end(), plain.begin());
+    if (!key->Decipher(plain, image.chunks[i].volumeOffset)) {
+      return damaged(DamageKind::kStream, "it can't be deciphered");
+    }
+    body = plain;
   }
   const std::uint64_t length = kq::LoadU32(body.data());
   if (length + kLengthBytes > bodyBytes) {

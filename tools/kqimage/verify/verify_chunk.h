@@ -45,8 +45,10 @@ struct ChunkHeadReading {
   bool hasAllRuns = false;  // the runs tell all that the chunk holds
 };
 
-// Reads chunk i's head and checks all in it that can be checked without the body.
-ChunkHeadReading ReadChunkHead(const ImageLayout& image, std::uint32_t i);
+// Reads chunk i's head and checks all in it that can be checked without the body. bytes as for
+// ChunkChecker::Check.
+ChunkHeadReading ReadChunkHead(const ImageLayout& image, std::uint32_t i,
+                               std::span<const std::uint8_t> bytes = {});
 
 // Where the volume's bytes of the chunk can be at most, for a chunk whose runs can't be told.
 VolumeRange SpanOfChunk(const ImageLayout& image, std::uint32_t i);
@@ -74,8 +76,10 @@ class ChunkChecker {
   ChunkChecker(const ChunkChecker&) = delete;
   ChunkChecker& operator=(const ChunkChecker&) = delete;
 
-  // key: of an enciphered image.
-  ChunkVerdict Check(const ImageLayout& image, std::uint32_t i, const DataKey* key);
+  // key: of an enciphered image. bytes: the file's from the chunk's first one, as many as have been
+  // read already; the file is read where they don't do.
+  ChunkVerdict Check(const ImageLayout& image, std::uint32_t i, const DataKey* key,
+                     std::span<const std::uint8_t> bytes = {});
 
  private:
   struct Decoders;
@@ -89,7 +93,8 @@ class ChunkChecker {
   };
 
   std::optional<Damage> CheckBody(const ImageLayout& image, std::uint32_t i, const DataKey* key,
-                                  const ChunkHeadReading& head, ChunkVerdict& verdict);
+                                  const ChunkHeadReading& head, std::span<const std::uint8_t> bytes,
+                                  ChunkVerdict& verdict);
   bool Decodes(std::uint32_t compression, std::span<const std::uint8_t> stream,
                std::uint64_t expectedBytes);
 

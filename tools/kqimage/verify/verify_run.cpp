@@ -16,6 +16,7 @@
 #include "kqimage/image/sha256_file.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/interrupt.h"
+#include "kqimage/verify/ordered_sum.h"
 
 namespace kqimage {
 namespace {
@@ -31,27 +32,32 @@ struct Job {
   bool isSum = false;
 };
 
+std::size_t ThreadCount() { return std::max(std::thread::hardware_concurrency(), 1u); }
+
 class Stopped {};
 
 class VerifyRun {
  public:
   VerifyRun(const std::vector<FileTask>& tasks, const VerifyScope& scope)
-      : tasks_(tasks), findings_(tasks.size()), chunks_(tasks.size()), stored_(tasks.size()) {
+      : tasks_(tasks),
+        ordered_(tasks.size()),
+        findings_(tasks.size()),
+        chunks_(tasks.size()),
+        stored_(tasks.size()) {
     for (std::size_t i = 0; i < tasks.size(); ++i) AddJobs(i, scope);
   }
 
   std::vector<FileFindings> Run(const VerifyProgress& progress) {
     {
       const BlockSignals blocked;
-      const std::size_t count =
-          std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, jobs_.size() + 1);
+      const std::size_t count = std::min(ThreadCount(), jobs_.size() + 1);
       running_ = count;
       for (std::size_t i = 0; i < count; ++i) threads_.emplace_back([this] { Work(); });
     }
     try {
       Wait(progress);
     } catch (...) {
-      isStopping_ = true;
+      Stop();
       Join();
       throw;
     }
@@ -69,8 +75,11 @@ class VerifyRun {
       const StoredSum sum = ReadStoredSum(layout.path);
       findings.sum = !sum.exists ? SumVerdict::kAbsent : SumVerdict::kNoLine;
       sums_.push_back(sum.digest.value_or(""));
+      if (sum.digest && OrderedSum::IsFor(layout)) {
+        ordered_[task] = std::make_unique<OrderedSum>(layout, ThreadCount());
+      }
       // First, since nobody can help with it.
-      if (sum.digest) jobs_.insert(jobs_.begin(), {.task = task, .isSum = true});
+      if (sum.digest && !ordered_[task]) jobs_.insert(jobs_.begin(), {.task = task, .isSum = true});
     } else {
       sums_.emplace_back();
     }
@@ -83,10 +92,18 @@ class VerifyRun {
       std::iota(chunks_[task].begin(), chunks_[task].end(), 0u);
       stored_[task].resize(count);
     }
-    for (std::size_t begin = 0; begin < chunks_[task].size(); begin += kBatchChunks) {
-      jobs_.push_back({.task = task,
-                       .begin = begin,
-                       .end = std::min(begin + kBatchChunks, chunks_[task].size())});
+    // One by one where the sum needs them in their order.
+    const std::size_t batch = ordered_[task] ? 1 : kBatchChunks;
+    for (std::size_t begin = 0; begin < chunks_[task].size(); begin += batch) {
+      jobs_.push_back(
+          {.task = task, .begin = begin, .end = std::min(begin + batch, chunks_[task].size())});
+    }
+  }
+
+  void Stop() {
+    isStopping_ = true;
+    for (const auto& sum : ordered_) {
+      if (sum) sum->Stop();
     }
   }
 
@@ -115,7 +132,7 @@ class VerifyRun {
       }
     } catch (const Stopped&) {
     } catch (...) {
-      isStopping_ = true;
+      Stop();
       const std::lock_guard lock(mutex_);
       failure_ = std::current_exception();
     }
@@ -146,12 +163,24 @@ class VerifyRun {
     for (std::size_t at = job.begin; at < job.end; ++at) {
       if (isStopping_) throw Stopped();
       const std::uint32_t chunk = chunks_[job.task][at];
-      const ChunkVerdict verdict = checker.Check(*task.layout, chunk, task.key);
+      const ChunkVerdict verdict = CheckChunk(checker, job.task, chunk);
       if (!stored_[job.task].empty()) stored_[job.task][chunk] = verdict.storedSectors;
       done_ += ChunkBytes(*task.layout, chunk);
       const std::lock_guard lock(mutex_);
       Take(*task.layout, chunk, verdict, findings_[job.task]);
     }
+  }
+
+  ChunkVerdict CheckChunk(ChunkChecker& checker, std::size_t task, std::uint32_t chunk) {
+    const auto& [layout, key] = tasks_[task];
+    OrderedSum* const sum = ordered_[task].get();
+    if (sum == nullptr) return checker.Check(*layout, chunk, key);
+    // Bytes that can't be read are read again for their verdict.
+    const std::span<const std::uint8_t> bytes = sum->Read(chunk);
+    if (isStopping_) throw Stopped();
+    ChunkVerdict verdict = checker.Check(*layout, chunk, key, bytes);
+    done_ += sum->Done(chunk);
+    return verdict;
   }
 
   static std::uint64_t ChunkBytes(const ImageLayout& layout, std::uint32_t chunk) {
@@ -177,6 +206,10 @@ class VerifyRun {
   void Complete(std::size_t task) {
     const ImageLayout& layout = *tasks_[task].layout;
     FileFindings& findings = findings_[task];
+    if (ordered_[task]) {
+      findings.sum =
+          ordered_[task]->Digits() == sums_[task] ? SumVerdict::kGood : SumVerdict::kWrong;
+    }
     if (layout.Opens()) FindGaps(task);
     std::stable_sort(findings.damages.begin(), findings.damages.end(),
                      [](const Damage& a, const Damage& b) { return a.chunk < b.chunk; });
@@ -263,6 +296,8 @@ class VerifyRun {
   const std::vector<FileTask>& tasks_;
   std::vector<Job> jobs_;
   std::vector<std::string> sums_;  // what the .sha256 files tell
+  // Of each task whose sum is computed while its chunks are checked.
+  std::vector<std::unique_ptr<OrderedSum>> ordered_;
   std::atomic<std::size_t> nextJob_ = 0;
   std::atomic<std::uint64_t> done_ = 0;
   std::atomic<bool> isStopping_ = false;
