@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -52,9 +53,12 @@ class ReadAhead {
   const Piece* Next();
 
  private:
+  struct Free {
+    void operator()(std::byte* bytes) const { std::free(bytes); }
+  };
   struct Slot {
     Piece piece;
-    std::unique_ptr<std::byte[]> buffer;
+    std::unique_ptr<std::byte, Free> buffer;
     bool isReady = false;  // guarded by mutex_
   };
 
