@@ -170,6 +170,47 @@ TEST_F(PartitionTest, AnIncrementTakesThePartitionAndKeepsItsOrigin) {
   EXPECT_EQ(before["label"], "work");
 }
 
+TEST_F(PartitionTest, AnIncrementOfAnotherPartitionIsDoubted) {
+  const auto saidOf = [&](std::uint32_t number, const Arguments& options) {
+    const ClientResult result =
+        RunClient(Joined({"increment", Path("disk"), Path("a.twf"), Path("b.twi"), "--force",
+                          "--partition", std::to_string(number)},
+                         options));
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    return result.err;
+  };
+  PutText("key", "password");
+  const Arguments encrypt = {"--encrypt", "aes256", "--password-file", Path("key")};
+  const Arguments password = {"--password-file", Path("key")};
+  const std::string gpt = "label: gpt\nstart=2048, size=4096\nstart=8192, size=4096\n";
+  for (const std::string& script : {std::string(kMbrScript), gpt}) {
+    for (const bool isEnciphered : {false, true}) {
+      Sfdisk(script);
+      const std::vector<Partition> partitions = Partitions(Table());
+      for (const std::uint32_t i : {0, 1}) PutNoise(partitions[i]);
+      CreateOf(1, isEnciphered ? encrypt : Arguments{});
+      const Arguments options = isEnciphered ? password : Arguments{};
+      PutNoise(partitions[0]);
+      EXPECT_EQ(saidOf(1, options), "");
+      const std::string doubt = saidOf(2, options);
+      EXPECT_TRUE(doubt.starts_with("kqimage: partition 2 of " + Path("disk") +
+                                    " may be another volume than that of " + Path("a.twf")))
+          << doubt;
+      const std::string name =
+          script == gpt
+              ? "the partition with the id " + Upper(partitions[1].fields["uuid"])
+              : "the partition at byte 12582912 of the disk with the signature 0xa1b2c3d4";
+      EXPECT_NE(Upper(doubt).find(Upper(name)), std::string::npos) << doubt;
+      EXPECT_EQ(saidOf(2, Joined(options, {"--quiet"})), "");
+      // Another disk of the same layout.
+      Sfdisk(script == gpt
+                 ? gpt
+                 : "label: dos\nlabel-id: 0x01020304\n" + script.substr(script.find("start")));
+      EXPECT_NE(saidOf(1, options), "");
+    }
+  }
+}
+
 TEST_F(PartitionTest, ForTheEyeDiskAndPartitionAreLines) {
   Sfdisk(kMbrScript);
   CreateOf(6);

@@ -18,6 +18,7 @@
 #include "kqimage/image/image_writer.h"
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/piece_pairs.h"
+#include "kqimage/report/origin_doubt.h"
 #include "kqimage/system/file_identity.h"
 #include "kqimage/system/next_name.h"
 #include "kqimage/terminal/failure.h"
@@ -86,6 +87,13 @@ void RefuseUselessPassword(const IncrementOptions& options, const Chain& chain) 
                   Printable(options.image)));
 }
 
+// Before the work, so that it can be broken off.
+void PrintOriginDoubt(const IncrementOptions& options, const std::optional<std::string>& doubt) {
+  if (!doubt) return;
+  fmt::print(stderr, "kqimage: {} may be another volume than that of {}: {}\n",
+             SourceName(options.source), Printable(options.image), *doubt);
+}
+
 void StoreDifferences(const VolumeSource& source, const ChainReaders& chain, const DataCells* cells,
                       ImageWriter& writer, Progress& progress) {
   ReadAhead newPieces(source.Pieces());
@@ -129,7 +137,7 @@ void Increment(const IncrementOptions& options) {
     throw UsageFailure(fmt::format("{}: the name of an increment ends in .twi", Printable(out)));
   }
   const Chain chain = ResolveChain(options);
-  const VolumeSource source = OpenVolume(options.source, chain.back().info.sectorSize).source;
+  const auto [source, origin] = OpenVolume(options.source, chain.back().info.sectorSize);
   RefuseUnreadable(chain);
   RefuseOwnInput(out, options.source.path, chain);
   RefuseUselessPassword(options, chain);
@@ -140,6 +148,8 @@ void Increment(const IncrementOptions& options) {
   CheckCommentFits(header, options.common.comment);
   Password password;
   ObtainChainPassword(options.password, chain, password);
+  if (!options.common.quiet)
+    PrintOriginDoubt(options, OriginDoubt(parent.path, password.CString(), origin));
   const ChainReaders readers(chain, password.CString());
   const ChainReader& reader = readers.First();
   const std::optional<DataCells> cells = FindDataCells(chain, source.Size());
