@@ -79,7 +79,8 @@ void OpenChainNewestFirst(benchmark::State& state) {
 }
 BENCHMARK(OpenChainNewestFirst)->Arg(1000)->Arg(10'000)->Unit(benchmark::kMillisecond);
 
-// The base's 8 MiB, which the chunk cache holds, in random blocks.
+// The base's 8 MiB, which the chunk cache holds, in random blocks. The run lists of many more files
+// than a thousand would not fit the chunk header cache.
 void WarmReads(benchmark::State& state) {
   const OpenedChain chain(LongChain(state.range(0)).Files());
   std::vector<std::uint8_t> block(kBlock);
@@ -87,7 +88,7 @@ void WarmReads(benchmark::State& state) {
   for (std::uint64_t at = 0; at < kBaseBytes; at += kBlock) chain.Read(at, &block);
   for (auto step : state) chain.Read(random() % (kBaseBytes / kBlock) * kBlock, &block);
 }
-BENCHMARK(WarmReads)->RangeMultiplier(10)->Range(1, 10'000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(WarmReads)->RangeMultiplier(10)->Range(1, 1000)->Unit(benchmark::kMicrosecond);
 
 void WritePiece(const BenchChain& chain, std::uint64_t at, std::uint64_t size) {
   static const std::vector<std::uint8_t> text = Text(kMebibyte);
