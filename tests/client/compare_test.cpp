@@ -93,6 +93,37 @@ TEST_F(CompareTest, WhatAnImageHasLostCantBeTold) {
             Json::parse(R"([{"offset": 8192, "length": 1}])"));
 }
 
+// The volume is read in pieces of 2 MiB; what is lost here ends one and begins the next.
+TEST_F(CompareTest, WhatStandsAroundLostBytesIsCompared) {
+  constexpr std::size_t kPiece = std::size_t{2} << 20;
+  constexpr std::size_t kHalf = 16 * 512;
+  ImageSpec spec;
+  spec.header.sourceSize = 2 * kPiece;
+  spec.header.compressionType = 5;
+  const Bytes before = PatternBytes(1, kHalf);
+  const Bytes behind = PatternBytes(2, kHalf);
+  spec.chunks = {RawChunk({{kPiece - 2 * kHalf, 16}}, before),
+                 StreamChunk({{kPiece - kHalf, 32}}, LzoFrames(Bytes(2 * kHalf, 'a'), 0x8000)),
+                 RawChunk({{kPiece + kHalf, 16}}, behind)};
+  ImageLayout layout;
+  Bytes image = BuildImage(spec, &layout);
+  Set32(&image, layout.chunkOffsets[1] + 512 + 4, 0);
+  Put("a.twf", image);
+  Volume volume(2 * kPiece, 0);
+  SetBytes(&volume, kPiece - 2 * kHalf, before);
+  SetBytes(&volume, kPiece - kHalf, Bytes(2 * kHalf, 'a'));
+  SetBytes(&volume, kPiece + kHalf, behind);
+  Put("volume", volume);
+  EXPECT_EQ(Compare({Path("a.twf"), Path("volume")}), 1);
+  volume[kPiece - kHalf - 1] ^= 1;
+  volume[kPiece + kHalf] ^= 1;
+  Put("volume", volume);
+  const Json json = CompareJson({Path("a.twf"), Path("volume")});
+  EXPECT_EQ(json["unknown"], (Json{{{"offset", kPiece - kHalf}, {"length", 2 * kHalf}}}));
+  EXPECT_EQ(json["different"], (Json{{{"offset", kPiece - kHalf - 1}, {"length", 1}},
+                                     {{"offset", kPiece + kHalf}, {"length", 1}}}));
+}
+
 TEST_F(CompareTest, EachSideCanHaveItsOwnPassword) {
   PutText("key", "one");
   PutText("other", "two");

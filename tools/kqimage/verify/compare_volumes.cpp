@@ -84,24 +84,24 @@ void AddDifferences(const PiecePair& pair, RangeSet& different) {
 
 // Fills bytes, with zeros for what is lost: two sides then don't differ there by chance alone, and
 // the caller takes the ranges out.
-void ReadAround(const ComparedSide& side, const std::vector<VolumeRange>& lost,
-                std::uint64_t offset, std::span<std::byte> bytes) {
-  std::fill(bytes.begin(), bytes.end(), std::byte{0});
+void ReadAround(const ReadVolume& read, const std::vector<VolumeRange>& lost, std::uint64_t offset,
+                std::span<std::byte> bytes) {
   const std::uint64_t end = offset + bytes.size();
-  const auto read = [&](std::uint64_t from, std::uint64_t to) {
-    if (from >= to) return;
-    side.Read(from, bytes.subspan(static_cast<std::size_t>(from - offset),
-                                  static_cast<std::size_t>(to - from)));
+  const auto part = [&](std::uint64_t from, std::uint64_t to) {
+    return bytes.subspan(static_cast<std::size_t>(from - offset),
+                         static_cast<std::size_t>(to - from));
   };
   auto next = std::upper_bound(
       lost.begin(), lost.end(), offset,
       [](std::uint64_t at, const VolumeRange& range) { return at < range.offset + range.length; });
   std::uint64_t at = offset;
   for (; next != lost.end() && next->offset < end; ++next) {
-    read(at, next->offset);
-    at = next->offset + next->length;
+    if (at < next->offset) read(at, part(at, next->offset));
+    const std::uint64_t from = std::max(at, next->offset);
+    at = std::min(end, next->offset + next->length);
+    std::ranges::fill(part(from, at), std::byte{0});
   }
-  read(at, end);
+  if (at < end) read(at, part(at, end));
 }
 
 }  // namespace
@@ -118,23 +118,25 @@ ComparedSide::ComparedSide(const std::string& path, const std::vector<std::strin
 
 void ComparedSide::Open(const char* password, const std::function<void()>& interrupt) {
   if (!IsChain()) return;
-  reader_.emplace(chain_, password);
+  readers_.emplace(chain_, password);
   lost_ = LostOf(chain_, password, interrupt);
 }
 
 std::uint64_t ComparedSide::Size() const {
-  return reader_ ? reader_->VolumeSize() : source_->Size();
+  return readers_ ? readers_->First().VolumeSize() : source_->Size();
 }
 
 std::optional<DataCells> ComparedSide::Cells(std::uint64_t size) const {
-  return reader_ ? FindDataCells(chain_, size) : source_->Cells(size);
+  return readers_ ? FindDataCells(chain_, size) : source_->Cells(size);
 }
 
-void ComparedSide::Read(std::uint64_t offset, std::span<std::byte> bytes) const {
-  if (reader_) return reader_->Read(offset, bytes);
-  if (ReadAt(source_->Fd(), source_->Start() + offset, bytes, path_) != bytes.size()) {
-    throw Failure(fmt::format("{} became shorter while it was read", Printable(path_)));
-  }
+std::vector<ReadVolume> ComparedSide::Ways() const {
+  if (readers_) return readers_->Ways(ChainReaders::Damage::kIgnored);
+  return {[this](std::uint64_t offset, std::span<std::byte> bytes) {
+    if (ReadAt(source_->Fd(), source_->Start() + offset, bytes, path_) != bytes.size()) {
+      throw Failure(fmt::format("{} became shorter while it was read", Printable(path_)));
+    }
+  }};
 }
 
 Comparison Compare(const ComparedSide& a, const ComparedSide& b,
@@ -148,15 +150,20 @@ Comparison Compare(const ComparedSide& a, const ComparedSide& b,
   }
   result.unknown.CutAt(common);
   const std::vector<VolumeRange> unknown = result.unknown.Ranges();
-  const auto reader = [&unknown](const ComparedSide& side) {
-    return [&side, &unknown](std::uint64_t offset, std::span<std::byte> bytes) {
-      ReadAround(side, unknown, offset, bytes);
-    };
+  const auto producers = [&](const ComparedSide& side, const std::optional<DataCells>& cells) {
+    std::vector<ReadAhead::Producer> all;
+    for (const ReadVolume& way : side.Ways()) {
+      const auto read = [way, &unknown](std::uint64_t offset, std::span<std::byte> bytes) {
+        ReadAround(way, unknown, offset, bytes);
+      };
+      all.push_back(VolumePieces(common, read, cells ? &*cells : nullptr));
+    }
+    return all;
   };
   const std::optional<DataCells> cellsOfA = a.Cells(common);
   const std::optional<DataCells> cellsOfB = b.Cells(common);
-  ReadAhead piecesOfA(VolumePieces(common, reader(a), cellsOfA ? &*cellsOfA : nullptr));
-  ReadAhead piecesOfB(VolumePieces(common, reader(b), cellsOfB ? &*cellsOfB : nullptr));
+  ReadAhead piecesOfA(producers(a, cellsOfA));
+  ReadAhead piecesOfB(producers(b, cellsOfB));
   PiecePairs pairs(piecesOfA, piecesOfB);
   while (const PiecePair* pair = pairs.Next()) {
     progress(pair->offset);

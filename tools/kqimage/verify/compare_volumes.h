@@ -10,13 +10,13 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "kqimage/image/chain_reader.h"
+#include "kqimage/image/chain_readers.h"
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/data_cells.h"
+#include "kqimage/pieces/volume_pieces.h"
 #include "kqimage/verify/range_set.h"
 #include "kqimage/volume/volume_source.h"
 
@@ -43,17 +43,17 @@ class ComparedSide {
   // In which cells of the first size bytes there may be data; none if that can't be told.
   std::optional<DataCells> Cells(std::uint64_t size) const;
 
-  // Fills bytes from the offset, none of which is lost.
-  void Read(std::uint64_t offset, std::span<std::byte> bytes) const;
+  // Ways to read the volume, each for a thread of its own.
+  std::vector<ReadVolume> Ways() const;
 
   // True if a wrong password would not have been noticed.
-  bool TakesAnyPassword() const { return reader_ && reader_->TakesAnyPassword(); }
+  bool TakesAnyPassword() const { return readers_ && readers_->First().TakesAnyPassword(); }
 
  private:
   std::string path_;
   Chain chain_;
   std::optional<VolumeSource> source_;
-  std::optional<ChainReader> reader_;
+  std::optional<ChainReaders> readers_;
   std::vector<VolumeRange> lost_;
 };
 
