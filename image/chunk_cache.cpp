@@ -45,7 +45,7 @@ void FreeSpares() REQUIRES(chunkCacheMutex) {
 }
 
 // Memory of stored forms that nobody uses, newest first, and how much there is of it at most.
-constexpr std::uint32_t kMostStored = 4;
+constexpr std::uint32_t kMostStored = 2;
 constexpr std::size_t kLargestStored = 0x200000;
 constinit StoredMemory* spareStored GUARDED_BY(chunkCacheMutex) = nullptr;
 constinit std::uint32_t spareStoredCount GUARDED_BY(chunkCacheMutex) = 0;
