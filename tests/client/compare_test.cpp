@@ -53,6 +53,23 @@ TEST_F(CompareTest, AllPairingsOfChainsAndVolumesAgree) {
   EXPECT_EQ(json["sizes"], (Json{5000001, 5000001}));
 }
 
+TEST_F(CompareTest, ForTheEyeTheFirstRangesAreListedAndAllAreCounted) {
+  Volume volume(3 << 20, 1);
+  Put("before", volume);
+  for (std::size_t i = 0; i < 25; ++i) volume[i * 100000] ^= 1;
+  Put("after", volume);
+  const ClientResult result = RunClient({"compare", Path("before"), Path("after")});
+  EXPECT_EQ(result.exitStatus, 3);
+  std::string expected = "25 of the bytes that both have are different:\n";
+  for (int i = 0; i < 20; ++i) {
+    const std::string at = std::to_string(i * 100000);
+    expected += "  bytes " + at + " to " + at + "\n";
+  }
+  expected += "  and 5 more ranges, which --json lists\nDIFFERENT\n";
+  EXPECT_EQ(result.out, expected);
+  EXPECT_EQ(CompareJson({Path("before"), Path("after")})["different"].size(), 25u);
+}
+
 TEST_F(CompareTest, VolumesOfDifferentSizesAreDifferent) {
   Volume volume = MakeVolume(300000, 2);
   Put("long", volume);

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "kqimage/commands/commands.h"
 #include "kqimage/commands/image_options.h"
@@ -38,9 +40,9 @@ struct CompareOptions {
   bool quiet = false;
 };
 
-nlohmann::ordered_json RangesJson(const RangeSet& set) {
+nlohmann::ordered_json RangesJson(const std::vector<VolumeRange>& ranges) {
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const VolumeRange& range : set.Ranges()) {
+  for (const VolumeRange& range : ranges) {
     list.push_back({{"offset", range.offset}, {"length", range.length}});
   }
   return list;
@@ -55,21 +57,21 @@ std::string JsonReport(const CompareOptions& options, const Comparison& result) 
   if (result.IsDifferent()) json["isSame"] = false;
   json["sizes"] = result.sizes;
   json["differentBytes"] = result.different.TotalBytes();
-  json["different"] = RangesJson(result.different);
+  json["different"] = RangesJson(result.different.First());
   json["unknownBytes"] = result.unknown.TotalBytes();
-  json["unknown"] = RangesJson(result.unknown);
+  json["unknown"] = RangesJson(result.unknown.Ranges());
   return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::string RangesText(const RangeSet& set) {
+// Of so many ranges, of which the first are here.
+std::string RangesText(const std::vector<VolumeRange>& ranges, std::uint64_t count) {
   std::string text;
-  const std::vector<VolumeRange> ranges = set.Ranges();
   for (std::size_t i = 0; i < ranges.size() && i < kShownRanges; ++i) {
     text += fmt::format("  bytes {} to {}\n", ranges[i].offset,
                         ranges[i].offset + ranges[i].length - 1);
   }
-  if (ranges.size() > kShownRanges) {
-    text += fmt::format("  and {} more ranges, which --json lists\n", ranges.size() - kShownRanges);
+  if (count > kShownRanges) {
+    text += fmt::format("  and {} more ranges, which --json lists\n", count - kShownRanges);
   }
   return text;
 }
@@ -83,13 +85,14 @@ std::string TextReport(const CompareOptions& options, const Comparison& result) 
   if (!result.different.IsEmpty()) {
     text += fmt::format("{} of the bytes that both have are different:\n",
                         result.different.TotalBytes());
-    text += RangesText(result.different);
+    text += RangesText(result.different.First(), result.different.Count());
   }
   if (!result.unknown.IsEmpty()) {
     text += fmt::format(
         "{} bytes could not be compared: an image has lost them, and kqimage verify tells more\n",
         result.unknown.TotalBytes());
-    text += RangesText(result.unknown);
+    const std::vector<VolumeRange> unknown = result.unknown.Ranges();
+    text += RangesText(unknown, unknown.size());
   }
   if (result.IsSame()) text += "SAME\n";
   if (result.IsDifferent()) text += "DIFFERENT\n";
@@ -129,7 +132,7 @@ void RunCompare(const CompareOptions& options) {
   Comparison result;
   {
     Progress progress("Comparing", std::min(a.Size(), b.Size()), options.quiet);
-    result = Compare(a, b, [&](std::uint64_t done) {
+    result = Compare(a, b, options.json ? SIZE_MAX : kShownRanges, [&](std::uint64_t done) {
       ThrowIfInterrupted();
       progress.Update(done);
     });

@@ -58,7 +58,7 @@ std::vector<VolumeRange> LostOf(const Chain& files, const char* password,
 }
 
 void AddDifferences(std::uint64_t offset, std::span<const std::byte> a,
-                    std::span<const std::byte> b, RangeSet& different) {
+                    std::span<const std::byte> b, RangeLog& different) {
   for (std::size_t i = 0; i < a.size();) {
     if (a[i] == b[i]) {
       ++i;
@@ -70,7 +70,7 @@ void AddDifferences(std::uint64_t offset, std::span<const std::byte> a,
   }
 }
 
-void AddDifferences(const PiecePair& pair, RangeSet& different) {
+void AddDifferences(const PiecePair& pair, RangeLog& different) {
   static constexpr std::array<std::byte, kBlockBytes> kZeros = {};
   for (const Stretch& stretch : pair.Differences()) {
     for (std::size_t at = stretch.offset; at < stretch.offset + stretch.length; at += kBlockBytes) {
@@ -139,9 +139,9 @@ std::vector<ReadVolume> ComparedSide::Ways() const {
   }};
 }
 
-Comparison Compare(const ComparedSide& a, const ComparedSide& b,
+Comparison Compare(const ComparedSide& a, const ComparedSide& b, std::size_t mostRanges,
                    const std::function<void(std::uint64_t)>& progress) {
-  Comparison result;
+  Comparison result = {.different = RangeLog(mostRanges), .unknown = {}};
   result.sizes[0] = a.Size();
   result.sizes[1] = b.Size();
   const std::uint64_t common = std::min(a.Size(), b.Size());

@@ -17,6 +17,7 @@
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/data_cells.h"
 #include "kqimage/pieces/volume_pieces.h"
+#include "kqimage/verify/range_log.h"
 #include "kqimage/verify/range_set.h"
 #include "kqimage/volume/volume_source.h"
 
@@ -59,14 +60,15 @@ class ComparedSide {
 
 struct Comparison {
   std::uint64_t sizes[2] = {};
-  RangeSet different;  // of the bytes that both have
+  RangeLog different;  // of the bytes that both have
   RangeSet unknown;    // lost on one side
   bool IsSame() const { return sizes[0] == sizes[1] && different.IsEmpty() && unknown.IsEmpty(); }
   bool IsDifferent() const { return sizes[0] != sizes[1] || !different.IsEmpty(); }
 };
 
-// Byte by byte. Progress is called with the bytes that are done; what it throws ends the work.
-Comparison Compare(const ComparedSide& a, const ComparedSide& b,
+// Byte by byte. Of the ranges that differ, so many are kept. Progress is called with the bytes that
+// are done; what it throws ends the work.
+Comparison Compare(const ComparedSide& a, const ComparedSide& b, std::size_t mostRanges,
                    const std::function<void(std::uint64_t)>& progress);
 
 }  // namespace kqimage
