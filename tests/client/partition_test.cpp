@@ -187,7 +187,7 @@ TEST_F(PartitionTest, AnIncrementOfAnotherPartitionIsDoubted) {
     for (const bool isEnciphered : {false, true}) {
       Sfdisk(script);
       const std::vector<Partition> partitions = Partitions(Table());
-      for (const std::uint32_t i : {0, 1}) PutNoise(partitions[i]);
+      for (const std::uint32_t i : {0U, 1U}) PutNoise(partitions[i]);
       CreateOf(1, isEnciphered ? encrypt : Arguments{});
       const Arguments options = isEnciphered ? password : Arguments{};
       PutNoise(partitions[0]);

@@ -22,7 +22,7 @@ TEST(RangeLog, RangesThatTouchAreOne) {
 
 TEST(RangeLog, WhatIsNotKeptIsCounted) {
   RangeLog log(2);
-  for (const std::uint64_t offset : {10, 11, 20, 21, 30, 31, 32, 40}) log.Add({offset, 1});
+  for (const std::uint64_t offset : {10U, 11U, 20U, 21U, 30U, 31U, 32U, 40U}) log.Add({offset, 1});
   EXPECT_EQ(log.First(), (Ranges{{10, 2}, {20, 2}}));
   EXPECT_EQ(log.Count(), 4u);
   EXPECT_EQ(log.TotalBytes(), 8u);
