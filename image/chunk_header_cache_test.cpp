@@ -91,6 +91,26 @@ TEST_F(ChunkHeaderCacheTest, EntryTellsTheHeadAndItsRuns) {
   ChunkHeaderPut(entry);
 }
 
+// There are more of them than the index has buckets, so some share one.
+TEST_F(ChunkHeaderCacheTest, ThousandsOfHeadsAreToldApartByTheirNumbers) {
+  constexpr std::uint32_t kHeads = 5000;
+  OpenFile({1});
+  std::vector<ChunkHeaderEntry*> entries;
+  for (std::uint32_t number = 1; number <= kHeads; ++number) {
+    ChunkHeaderEntry* entry = nullptr;
+    ASSERT_EQ(ChunkHeaderGet(file_, file_->IndexEntries[0], number, &entry).status, 0);
+    EXPECT_EQ(entry->ChunkNumber, number);
+    entries.push_back(entry);
+    ChunkHeaderPut(entry);
+  }
+  for (std::uint32_t number = 1; number <= kHeads; ++number) {
+    ChunkHeaderEntry* entry = nullptr;
+    ASSERT_EQ(ChunkHeaderGet(file_, file_->IndexEntries[0], number, &entry).status, 0);
+    EXPECT_EQ(entry, entries[number - 1]);
+    ChunkHeaderPut(entry);
+  }
+}
+
 // While one thread has read a chunk's head and is about to enter it, another one does the same.
 TEST_F(ChunkHeaderCacheTest, HeadThatTwoReadAtOnceIsEnteredOnce) {
   OpenFile({2});
