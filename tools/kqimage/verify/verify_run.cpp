@@ -10,6 +10,7 @@
 #include <exception>
 #include <mutex>
 #include <numeric>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -21,10 +22,12 @@
 namespace kqimage {
 namespace {
 
-// A batch is large enough to hand out and small enough that all threads end together.
+// What a thread takes at a time: enough to be worth the taking, and little enough that all threads
+// end together.
 constexpr std::size_t kBatchChunks = 16;
 constexpr std::size_t kKeptDamages = 1000;  // for each file
 
+// The chunks of a task that nobody has taken yet, or its sum.
 struct Job {
   std::size_t task = 0;
   std::size_t begin = 0;  // in the task's chunks
@@ -50,7 +53,7 @@ class VerifyRun {
   std::vector<FileFindings> Run(const VerifyProgress& progress) {
     {
       const BlockSignals blocked;
-      const std::size_t count = std::min(ThreadCount(), jobs_.size() + 1);
+      const std::size_t count = ThreadCount();
       running_ = count;
       for (std::size_t i = 0; i < count; ++i) threads_.emplace_back([this] { Work(); });
     }
@@ -92,12 +95,23 @@ class VerifyRun {
       std::iota(chunks_[task].begin(), chunks_[task].end(), 0u);
       stored_[task].resize(count);
     }
-    // One by one where the sum needs them in their order.
-    const std::size_t batch = ordered_[task] ? 1 : kBatchChunks;
-    for (std::size_t begin = 0; begin < chunks_[task].size(); begin += batch) {
-      jobs_.push_back(
-          {.task = task, .begin = begin, .end = std::min(begin + batch, chunks_[task].size())});
+    jobs_.push_back({.task = task, .end = chunks_[task].size()});
+  }
+
+  // Takes a part of the next job; none if all is taken.
+  std::optional<Job> Claim() {
+    const std::lock_guard lock(mutex_);
+    while (nextJob_ < jobs_.size()) {
+      Job& job = jobs_[nextJob_];
+      Job part = job;
+      // One by one where the sum needs them in their order.
+      const std::size_t batch = ordered_[job.task] ? 1 : kBatchChunks;
+      part.end = std::min(job.begin + batch, job.end);
+      job.begin = part.end;
+      if (job.isSum || job.begin == job.end) ++nextJob_;
+      if (part.isSum || part.begin != part.end) return part;
     }
+    return std::nullopt;
   }
 
   void Stop() {
@@ -126,9 +140,8 @@ class VerifyRun {
   void Work() {
     try {
       ChunkChecker checker;
-      for (std::size_t next = nextJob_++; next < jobs_.size(); next = nextJob_++) {
-        const Job& job = jobs_[next];
-        job.isSum ? CheckSum(job.task) : CheckChunks(checker, job);
+      while (const std::optional<Job> job = Claim()) {
+        job->isSum ? CheckSum(job->task) : CheckChunks(checker, *job);
       }
     } catch (const Stopped&) {
     } catch (...) {
@@ -294,11 +307,9 @@ class VerifyRun {
   }
 
   const std::vector<FileTask>& tasks_;
-  std::vector<Job> jobs_;
   std::vector<std::string> sums_;  // what the .sha256 files tell
   // Of each task whose sum is computed while its chunks are checked.
   std::vector<std::unique_ptr<OrderedSum>> ordered_;
-  std::atomic<std::size_t> nextJob_ = 0;
   std::atomic<std::uint64_t> done_ = 0;
   std::atomic<bool> isStopping_ = false;
   std::vector<std::thread> threads_;
@@ -306,6 +317,8 @@ class VerifyRun {
   std::mutex mutex_;  // guards all below while threads run
   std::condition_variable changed_;
   std::size_t running_ = 0;
+  std::vector<Job> jobs_;
+  std::size_t nextJob_ = 0;
   std::exception_ptr failure_;
   std::vector<FileFindings> findings_;
   std::vector<std::vector<std::uint32_t>> chunks_;  // of each task, those to check
