@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <vector>
 
 #include "kqimage/pieces/block_compare.h"
 #include "kqimage/terminal/failure.h"
@@ -56,7 +57,9 @@ void VolumeTarget::Write(std::uint64_t offset, std::span<const std::byte> bytes)
     WriteFully(offset, bytes);
     return;
   }
-  for (const Stretch& stretch : NonZeroStretches(bytes)) {
+  const std::vector<Stretch> stretches = NonZeroStretches(bytes);
+  const std::lock_guard lock(fileTurn_);
+  for (const Stretch& stretch : stretches) {
     WriteFully(offset + stretch.offset, bytes.subspan(stretch.offset, stretch.length));
   }
 }
