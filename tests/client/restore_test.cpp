@@ -3,10 +3,15 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "tests/client/client_fixture.h"
 #include "tests/client/disk_fixture.h"
 #include "tests/faults/small_disk.h"
+#include "tests/support/image_builder.h"
 #include "tests/support/image_parser.h"
 
 namespace kqtest {
@@ -55,7 +60,7 @@ TEST_F(SharedRestoreTest, GivesBackALongVolumeFromAChain) {
 
 // Whichever thread meets its one first.
 TEST_F(SharedRestoreTest, OfSeveralChunksThatCantBeReadTheFirstIsNamed) {
-  constexpr std::uint64_t kPiece = 2 * kMebibyte;
+  constexpr std::uint64_t kPiece = kMebibyte;
   Put("volume", MakeNoise(kLongVolume, 2));
   Create(Path("volume"), Path("a.twf"));
   const std::uint64_t first = DamageHeads(Path("a.twf"), {20, 6});
@@ -122,6 +127,110 @@ TEST_F(SharedRestoreTest, ADeviceThatIsLeftWithAPartIsNamed) {
   EXPECT_EQ(result.exitStatus, 1);
   const std::string end = "; " + loop.Path() + " is left with a part of the volume\n";
   EXPECT_TRUE(result.err.ends_with(end)) << result.err;
+}
+
+class HiddenDamageTest : public ClientTest {
+ protected:
+  // Words with stretches of zeros between them, some as long as what a restore reads at once, and
+  // with an end that no chunk follows.
+  static Volume TextWithHoles() {
+    std::mt19937 random(7);
+    std::vector<std::string> words(500);
+    for (std::string& word : words) {
+      for (std::size_t i = 0; i < 3 + random() % 7; ++i)
+        word += static_cast<char>(random() % 26 + 'a');
+    }
+    Volume volume(11 * kMebibyte + 3 * 4096);
+    const auto put = [&](std::size_t begin, std::size_t end) {
+      while (begin < end) {
+        const std::string word = words[random() % words.size()] + ' ';
+        const std::size_t count = std::min(word.size(), end - begin);
+        std::copy_n(word.begin(), count, volume.begin() + static_cast<std::ptrdiff_t>(begin));
+        begin += count;
+      }
+    };
+    put(0, 3 * kMebibyte);
+    put(5 * kMebibyte, 5 * kMebibyte + 700'000);
+    put(6 * kMebibyte + 4096, 6 * kMebibyte + 3 * 4096);
+    put(8 * kMebibyte, 8 * kMebibyte + 300'000);
+    put(10 * kMebibyte - 4096, volume.size());
+    return volume;
+  }
+
+  static std::vector<ParsedChunk> StreamsOf(const Volume& image) {
+    std::vector<ParsedChunk> chunks = ParseImage(image).chunks;
+    std::erase_if(chunks, [](const ParsedChunk& each) {
+      return each.storedSectors == 1 || each.storedSectors == each.expandedSectors;
+    });
+    return chunks;
+  }
+
+  // The image with noise in the place of the chunk's stream, but for its begin.
+  static Volume Damaged(Volume image, const ParsedChunk& chunk) {
+    const std::size_t sector = ParseImage(image).header.sectorSize;
+    const std::size_t begin = chunk.fileOffset + sector + 32;
+    const std::size_t end = chunk.fileOffset + chunk.storedSectors * sector;
+    const Volume noise = MakeNoise(end - begin, 3);
+    std::copy(noise.begin(), noise.end(), image.begin() + static_cast<std::ptrdiff_t>(begin));
+    return image;
+  }
+};
+
+// The library gives zeros for such a chunk and says nothing, whatever follows it.
+TEST_F(HiddenDamageTest, NoChunkThatCantBeDecompressedIsRestoredAsZeros) {
+  PutText("key", "password");
+  const Volume volume = TextWithHoles();
+  Put("volume", volume);
+  for (const std::vector<std::string>& cipher :
+       {std::vector<std::string>{}, std::vector<std::string>{"--encrypt", "aes256"}}) {
+    const std::vector<std::string> password =
+        cipher.empty() ? cipher : std::vector<std::string>{"--password-file", Path("key")};
+    Create(Path("volume"), Path("a.twf"), Joined(Joined(cipher, password), {"--force"}));
+    const Volume image = ReadFile(Path("a.twf"));
+    const std::vector<ParsedChunk> chunks = StreamsOf(image);
+    ASSERT_GT(chunks.size(), 4U);
+    for (const ParsedChunk& chunk : chunks) {
+      WriteFile(Path("b.twf"), Damaged(image, chunk));
+      const ClientResult result =
+          RunClient(Joined({"restore", Path("b.twf"), "--to", Path("new")}, password));
+      EXPECT_EQ(result.exitStatus, 1) << chunk.indexVolumeOffset;
+      EXPECT_NE(result.err.find("can't be decompressed"), std::string::npos) << result.err;
+    }
+    std::filesystem::remove(Path("b.twf"));
+    EXPECT_TRUE(Restore({Path("a.twf")}, password) == volume);
+  }
+}
+
+TEST_F(HiddenDamageTest, WhatANewerImageHoldsInsteadIsNotMissed) {
+  const Volume volume = TextWithHoles();
+  Put("volume", volume);
+  Create(Path("volume"), Path("a.twf"));
+  Volume changed = volume;
+  for (std::uint8_t& byte : changed) byte = byte == 0 ? 1 : 0;
+  Put("volume", changed);
+  Increment(Path("volume"), Path("a.twf"), Path("b.twi"));
+  Volume image = ReadFile(Path("a.twf"));
+  for (const ParsedChunk& chunk : StreamsOf(image)) image = Damaged(image, chunk);
+  WriteFile(Path("a.twf"), image);
+  EXPECT_TRUE(Restore({Path("b.twi")}) == changed);
+}
+
+// To the library the rest of such a chunk is zero, and reading it no failure.
+TEST_F(HiddenDamageTest, NorIsTheRestOfOneThatYieldsTooLittle) {
+  constexpr std::uint64_t kSectors = 64;
+  constexpr std::size_t kSector = 512;
+  ImageSpec spec;
+  spec.header.sourceSize = kSectors * kSector;
+  spec.header.compressionType = 5;
+  spec.header.record.emplace();
+  for (const std::size_t yielded : {kSectors, kSectors - 16}) {
+    const Bytes text(yielded * kSector, 'a');
+    spec.chunks = {StreamChunk({{0, kSectors}}, LzoFrames(text, 0x8000))};
+    WriteFile(Path("a.twf"), BuildImage(spec));
+    const ClientResult result =
+        RunClient({"restore", Path("a.twf"), "--to", Path("new"), "--force"});
+    EXPECT_EQ(result.exitStatus, yielded == kSectors ? 0 : 1) << result.err;
+  }
 }
 
 }  // namespace

@@ -97,7 +97,7 @@ void PrintOriginDoubt(const IncrementOptions& options, const std::optional<std::
 void StoreDifferences(const VolumeSource& source, const ChainReaders& chain, const DataCells* cells,
                       ImageWriter& writer, Progress& progress) {
   ReadAhead newPieces(source.Pieces());
-  ReadAhead oldPieces(chain.Pieces(source.Size(), ChainReaders::Damage::kIgnored, cells));
+  ReadAhead oldPieces(chain.Pieces(source.Size(), cells));
   PiecePairs pairs(newPieces, oldPieces);
   while (const PiecePair* pair = pairs.Next()) {
     ThrowIfInterrupted();

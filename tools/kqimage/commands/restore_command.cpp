@@ -18,6 +18,7 @@
 #include "kqimage/terminal/progress.h"
 #include "kqimage/terminal/text.h"
 #include "kqimage/verify/chain_data.h"
+#include "kqimage/verify/hidden_damage.h"
 #include "kqimage/volume/volume_target.h"
 
 namespace kqimage {
@@ -42,12 +43,12 @@ struct RestoreOptions {
   bool quiet = false;
 };
 
-void WriteVolume(const ChainReaders& readers, const DataCells* cells, VolumeTarget& target,
-                 Progress& progress) {
+void WriteVolume(const ChainReaders& readers, HiddenDamage& damage, const DataCells* cells,
+                 VolumeTarget& target, Progress& progress) {
   // Each thread writes what it has read. A new file has its holes already; what a device held
   // before must be overwritten.
   std::vector<PieceWork> works;
-  for (const ReadVolume& read : readers.Ways(ChainReaders::Damage::kFound)) {
+  for (const ReadVolume& read : readers.Ways(&damage)) {
     works.emplace_back([read, &target](std::uint64_t offset, std::span<std::byte> bytes) {
       read(offset, bytes);
       target.Write(offset, bytes);
@@ -75,6 +76,7 @@ void Restore(const RestoreOptions& options) {
   Password password;
   ObtainChainPassword(options.password, chain, password);
   const ChainReaders readers(chain, password.CString());
+  HiddenDamage damage(chain, password.CString());
   const ChainReader& reader = readers.First();
   if (reader.VolumeSize() == 0) {
     throw Failure(fmt::format("{} does not say how large its volume is", Printable(newest)));
@@ -85,7 +87,7 @@ void Restore(const RestoreOptions& options) {
   double seconds = 0;
   try {
     Progress progress("Restoring", reader.VolumeSize(), options.quiet);
-    WriteVolume(readers, cells ? &*cells : nullptr, target, progress);
+    WriteVolume(readers, damage, cells ? &*cells : nullptr, target, progress);
     seconds = progress.SecondsSoFar();
   } catch (const Failure& failure) {
     if (!target.IsDevice()) throw;

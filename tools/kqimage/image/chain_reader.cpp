@@ -4,18 +4,15 @@
 #include <fmt/format.h>
 #include <kqimageformat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
-#include "kqimage/pieces/block_compare.h"
 #include "kqimage/terminal/failure.h"
 #include "kqimage/terminal/text.h"
 
 namespace kqimage {
 namespace {
 
-constexpr std::size_t kProbeBytes = std::size_t{64} << 10;
 constexpr std::size_t kMaxListedPath = 4095;  // the library cuts a path behind this
 
 // A chain's sectors are at least 512 bytes for its reader, whatever a file says.
@@ -41,9 +38,7 @@ void RefuseUnreadable(const Chain& chain) {
 }
 
 ChainReader::ChainReader(const Chain& chain, const char* password, std::uint64_t sparse)
-    : newestPath_(chain.back().path),
-      volumeSize_(chain.back().info.sourceSize),
-      probe_(kProbeBytes) {
+    : newestPath_(chain.back().path), volumeSize_(chain.back().info.sourceSize) {
   std::string list;
   for (const ImageFile& file : chain) {
     if (file.info.encryptionType == KQ_ENCRYPTION_AES128_UNCHECKED) takesAnyPassword_ = true;
@@ -86,25 +81,14 @@ std::string ChainReader::PasswordDoubt() const {
   return "; the password may be wrong, which this image's encryption can't tell";
 }
 
-void ChainReader::ReadWhole(std::uint64_t offset, std::span<std::byte> bytes) {
+void ChainReader::ReadWhole(std::uint64_t offset, std::span<std::byte> bytes,
+                            HiddenDamage& damage) const {
   Read(offset, bytes);
-  std::size_t zeroStart = bytes.size();
-  while (zeroStart > 0) {
-    const std::size_t length = std::min(kProbeBytes, zeroStart);
-    if (!IsZero(bytes.subspan(zeroStart - length, length))) break;
-    zeroStart -= length;
-  }
-  for (std::size_t start = zeroStart; start < bytes.size(); start += kProbeBytes) {
-    const std::size_t length = std::min(kProbeBytes, bytes.size() - start);
-    const std::span<std::byte> probe = std::span(probe_).first(length);
-    Read(offset + start, probe);
-    if (!IsZero(probe)) {
-      throw Failure(
-          fmt::format("the image {} is damaged: a chunk at or behind byte {} of the "
-                      "volume can't be decompressed{}",
-                      Printable(newestPath_), offset, PasswordDoubt()));
-    }
-  }
+  if (!damage.IsIn(offset, bytes)) return;
+  throw Failure(
+      fmt::format("the image {} is damaged: a chunk at or behind byte {} of the "
+                  "volume can't be decompressed{}",
+                  Printable(newestPath_), offset, PasswordDoubt()));
 }
 
 }  // namespace kqimage

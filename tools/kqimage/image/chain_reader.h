@@ -2,7 +2,7 @@
 //
 // The library reports most damage by a status, but a chunk whose compressed stream is damaged reads
 // as zero, and so does the rest of the same read, under a status of success. A restore must not
-// take such zeros for data; ReadWhole finds most of them.
+// take such zeros for data; ReadWhole finds them.
 #ifndef KQIMAGE_IMAGE_CHAIN_READER_H
 #define KQIMAGE_IMAGE_CHAIN_READER_H
 
@@ -14,6 +14,7 @@
 
 #include "kqimage/image/image_file.h"
 #include "kqimage/system/unique_fd.h"
+#include "kqimage/verify/hidden_damage.h"
 
 namespace kqimage {
 
@@ -35,10 +36,9 @@ class ChainReader {
   // Fills bytes from the volume's offset; what no file holds is zero.
   void Read(std::uint64_t offset, std::span<std::byte> bytes) const;
 
-  // The same, and throws if zeros at the end of the range hide a damaged chunk: data behind such a
-  // chunk come up when they are read by themselves. Damage stays unnoticed only where nothing but
-  // zero follows it in the range.
-  void ReadWhole(std::uint64_t offset, std::span<std::byte> bytes);
+  // The same, and throws if a part of it is lost: zeros that hide a damaged chunk of the chain.
+  // What lies over the chain in a sparse file may hide that in turn.
+  void ReadWhole(std::uint64_t offset, std::span<std::byte> bytes, HiddenDamage& damage) const;
 
   // Writes into the sparse file.
   KQStatus Write(std::uint64_t offset, std::span<const std::byte> bytes) const;
@@ -62,7 +62,6 @@ class ChainReader {
   bool takesAnyPassword_ = false;  // a file's encryption can't tell a wrong one
   std::uint64_t handle_ = 0;
   std::vector<UniqueFd> opened_;  // files whose path can't stand in the library's list
-  std::vector<std::byte> probe_;
 };
 
 }  // namespace kqimage

@@ -24,21 +24,21 @@ ChainReaders::ChainReaders(const Chain& chain, const char* password) {
   }
 }
 
-std::vector<ReadVolume> ChainReaders::Ways(Damage damage) const {
+std::vector<ReadVolume> ChainReaders::Ways(HiddenDamage* damage) const {
   std::vector<ReadVolume> ways;
   for (const auto& each : readers_) {
-    ways.emplace_back(
-        [reader = each.get(), damage](std::uint64_t offset, std::span<std::byte> bytes) {
-          damage == Damage::kFound ? reader->ReadWhole(offset, bytes) : reader->Read(offset, bytes);
-        });
+    ways.emplace_back([reader = each.get(), damage](std::uint64_t offset,
+                                                    std::span<std::byte> bytes) {
+      damage != nullptr ? reader->ReadWhole(offset, bytes, *damage) : reader->Read(offset, bytes);
+    });
   }
   return ways;
 }
 
-std::vector<ReadAhead::Producer> ChainReaders::Pieces(std::uint64_t size, Damage damage,
+std::vector<ReadAhead::Producer> ChainReaders::Pieces(std::uint64_t size,
                                                       const DataCells* cells) const {
   std::vector<ReadAhead::Producer> producers;
-  for (ReadVolume& way : Ways(damage)) {
+  for (ReadVolume& way : Ways(nullptr)) {
     producers.push_back(VolumePieces(size, std::move(way), cells));
   }
   return producers;

@@ -24,16 +24,14 @@ class ChainReaders {
 
   ChainReader& First() const { return *readers_.front(); }
 
-  enum class Damage {
-    kIgnored,  // read as the library reads
-    kFound,    // ChainReader::ReadWhole
-  };
-  // Producers of the volume's pieces up to size, which share the work; cells as for VolumePieces.
-  std::vector<ReadAhead::Producer> Pieces(std::uint64_t size, Damage damage,
+  // Producers of the volume's pieces up to size, which share the work, read as the library reads
+  // them; cells as for VolumePieces.
+  std::vector<ReadAhead::Producer> Pieces(std::uint64_t size,
                                           const DataCells* cells = nullptr) const;
 
-  // A way to read the volume for each thread of so many.
-  std::vector<ReadVolume> Ways(Damage damage) const;
+  // A way to read the volume for each thread of so many: as the library reads it, or, with damage,
+  // ChainReader::ReadWhole.
+  std::vector<ReadVolume> Ways(HiddenDamage* damage) const;
 
  private:
   std::vector<std::unique_ptr<ChainReader>> readers_;

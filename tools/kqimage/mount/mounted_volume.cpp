@@ -29,6 +29,8 @@ MountedVolume::MountedVolume(const Chain& chain, const char* password, std::uint
   for (unsigned i = 0; i < count; ++i) {
     readers_.push_back(std::make_unique<Reader>(chain, password, sparse));
   }
+  // Last, so that the sparse file is closed if this fails.
+  damage_ = std::make_unique<HiddenDamage>(chain, password);
 }
 
 void MountedVolume::Read(std::uint64_t offset, std::span<std::byte> bytes) {
@@ -38,12 +40,12 @@ void MountedVolume::Read(std::uint64_t offset, std::span<std::byte> bytes) {
     Reader& reader = *readers_[(home + i) % readers_.size()];
     const std::unique_lock lock(reader.mutex, std::try_to_lock);
     if (!lock) continue;
-    reader.chain.ReadWhole(offset, bytes);
+    reader.chain.ReadWhole(offset, bytes, *damage_);
     return;
   }
   Reader& reader = *readers_[home % readers_.size()];
   const std::scoped_lock lock(reader.mutex);
-  reader.chain.ReadWhole(offset, bytes);
+  reader.chain.ReadWhole(offset, bytes, *damage_);
 }
 
 KQStatus MountedVolume::Write(std::uint64_t offset, std::span<const std::byte> bytes) {
@@ -55,10 +57,10 @@ KQStatus MountedVolume::Write(std::uint64_t offset, std::span<const std::byte> b
   if (start == offset && wholeEnd == end) return volume.chain.Write(offset, bytes);
   std::vector<std::byte> blocks(static_cast<std::size_t>(wholeEnd - start));
   const std::size_t first = std::min<std::size_t>(blocks.size(), block_);
-  volume.chain.ReadWhole(start, std::span(blocks).first(first));
+  volume.chain.ReadWhole(start, std::span(blocks).first(first), *damage_);
   if (blocks.size() > first) {
     const std::size_t last = (blocks.size() - 1) / block_ * block_;
-    volume.chain.ReadWhole(start + last, std::span(blocks).subspan(last));
+    volume.chain.ReadWhole(start + last, std::span(blocks).subspan(last), *damage_);
   }
   std::copy(bytes.begin(), bytes.end(),
             blocks.begin() + static_cast<std::ptrdiff_t>(offset - start));

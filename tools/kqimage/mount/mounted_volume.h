@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kqimage/image/chain_reader.h"
+#include "kqimage/verify/hidden_damage.h"
 
 namespace kqimage {
 
@@ -45,6 +46,7 @@ class MountedVolume {
     ChainReader chain;
   };
 
+  std::unique_ptr<HiddenDamage> damage_;
   std::vector<std::unique_ptr<Reader>> readers_;
   bool isWritable_;
   std::uint64_t block_;         // the unit of writes: whole sectors

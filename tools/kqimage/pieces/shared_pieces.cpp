@@ -15,6 +15,7 @@ namespace kqimage {
 namespace {
 
 static_assert(kSharedStretchBytes % kPieceBytes == 0);
+static_assert(kPieceBytes % kSharedPieceBytes == 0);
 
 class SharedPieces {
  public:
@@ -24,7 +25,7 @@ class SharedPieces {
            const std::function<void(std::uint64_t done)>& progress) {
     std::vector<std::unique_ptr<std::byte[]>> buffers(works.size());
     for (auto& buffer : buffers) {
-      buffer = std::make_unique_for_overwrite<std::byte[]>(kPieceBytes);
+      buffer = std::make_unique_for_overwrite<std::byte[]>(kSharedPieceBytes);
     }
     try {
       Start(works, buffers);
@@ -80,7 +81,8 @@ class SharedPieces {
     Stretch mine;
     while (Claim(mine)) {
       const auto [length, hasData] = StretchAt(mine.begin);
-      const std::uint64_t taken = std::min(length, mine.end - mine.begin);
+      std::uint64_t taken = std::min(length, mine.end - mine.begin);
+      if (hasData) taken = std::min(taken, kSharedPieceBytes);
       if (hasData) {
         try {
           work(mine.begin, {buffer, static_cast<std::size_t>(taken)});

@@ -14,7 +14,8 @@
 namespace kqimage {
 namespace {
 
-constexpr std::uint64_t kPiece = kPieceBytes;
+constexpr std::uint64_t kPiece = kSharedPieceBytes;
+constexpr std::uint64_t kCell = kPieceBytes;
 constexpr std::uint64_t kStretch = kSharedStretchBytes;
 
 void IgnoreProgress(std::uint64_t) {}
@@ -80,16 +81,18 @@ TEST(SharedPieces, ThreadsWorkAtTheSameTime) {
   cells.Mark(0, 1);
   cells.Mark(kStretch, 1);
   std::latch bothWork(2);
-  const PieceWork work = [&](std::uint64_t, std::span<std::byte>) { bothWork.arrive_and_wait(); };
+  const PieceWork work = [&](std::uint64_t offset, std::span<std::byte>) {
+    if (offset % kStretch == 0) bothWork.arrive_and_wait();
+  };
   WorkOnPieces(kStretch + kPiece, &cells, {work, work}, IgnoreProgress);
 }
 
 TEST(SharedPieces, WhatHasNoDataIsLeftOutAndCountsAsDone) {
   constexpr std::uint64_t kSize = std::uint64_t{8} << 40;
   DataCells cells(kSize);
-  cells.Mark(kPiece, 1);
+  cells.Mark(kCell, 1);
   cells.Mark(2 * kStretch - 1, 2);
-  cells.Mark(kSize / 2 + 3 * kPiece, 2 * kPiece);
+  cells.Mark(kSize / 2 + 3 * kCell, 2 * kCell);
   cells.Mark(kSize - 1, 1);
   for (const std::size_t threads : {1U, 3U}) {
     Calls calls;
@@ -98,13 +101,12 @@ TEST(SharedPieces, WhatHasNoDataIsLeftOutAndCountsAsDone) {
       EXPECT_GE(now, done);
       done = now;
     });
-    EXPECT_EQ(calls.lengths,
-              (std::map<std::uint64_t, std::uint64_t>{{kPiece, kPiece},
-                                                      {2 * kStretch - kPiece, kPiece},
-                                                      {2 * kStretch, kPiece},
-                                                      {kSize / 2 + 3 * kPiece, kPiece},
-                                                      {kSize / 2 + 4 * kPiece, kPiece},
-                                                      {kSize - kPiece, kPiece}}));
+    std::map<std::uint64_t, std::uint64_t> expected;
+    for (const std::uint64_t cell : {kCell, 2 * kStretch - kCell, 2 * kStretch,
+                                     kSize / 2 + 3 * kCell, kSize / 2 + 4 * kCell, kSize - kCell}) {
+      for (std::uint64_t at = 0; at < kCell; at += kPiece) expected[cell + at] = kPiece;
+    }
+    EXPECT_EQ(calls.lengths, expected);
     EXPECT_EQ(done, kSize);
   }
 }
