@@ -63,9 +63,10 @@ TEST(OrderedSum, IsThatOfTheWholeFileWhateverThreadIsFirst) {
         running.emplace_back([&] {
           for (std::uint32_t i = next++; i < chunks; i = next++) {
             const std::span<const std::uint8_t> read = sum.Read(i);
-            const std::uint64_t begin = image.layout.chunks[i].fileOffset;
-            EXPECT_TRUE(std::equal(read.begin(), read.end(), image.bytes.begin() + begin,
-                                   image.bytes.begin() + image.layout.ChunkLimit(i)));
+            const std::uint8_t* const begin =
+                image.bytes.data() + image.layout.chunks[i].fileOffset;
+            EXPECT_TRUE(std::equal(read.begin(), read.end(), begin,
+                                   image.bytes.data() + image.layout.ChunkLimit(i)));
             if (i % 3 == 0) std::this_thread::yield();
             added += sum.Done(i);
           }
