@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <malloc.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <new>

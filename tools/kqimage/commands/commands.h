@@ -3,8 +3,11 @@
 #ifndef KQIMAGE_COMMANDS_COMMANDS_H
 #define KQIMAGE_COMMANDS_COMMANDS_H
 
-#include <CLI/CLI.hpp>
 #include <functional>
+
+namespace CLI {
+class App;
+}
 
 namespace kqimage {
 

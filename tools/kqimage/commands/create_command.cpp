@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <kqimageformat.h>
 
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <map>
 #include <memory>

@@ -4,6 +4,7 @@
 #include <kqimageapi.h>
 #include <kqimageformat.h>
 
+#include <CLI/CLI.hpp>
 #include <iterator>
 #include <map>
 

@@ -2,12 +2,15 @@
 #ifndef KQIMAGE_COMMANDS_IMAGE_OPTIONS_H
 #define KQIMAGE_COMMANDS_IMAGE_OPTIONS_H
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "kqimage/image/image_output.h"
+
+namespace CLI {
+class App;
+}
 
 namespace kqimage {
 

@@ -1,5 +1,7 @@
 #include "kqimage/commands/search_option.h"
 
+#include <CLI/CLI.hpp>
+
 namespace kqimage {
 
 CLI::Option* AddSearchOption(CLI::App& command, std::vector<std::string>& folders) {

@@ -2,9 +2,13 @@
 #ifndef KQIMAGE_COMMANDS_SEARCH_OPTION_H
 #define KQIMAGE_COMMANDS_SEARCH_OPTION_H
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace kqimage {
 

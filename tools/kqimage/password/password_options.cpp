@@ -5,6 +5,7 @@
 #include <kqimageformat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 

@@ -5,13 +5,16 @@
 #ifndef KQIMAGE_PASSWORD_PASSWORD_OPTIONS_H
 #define KQIMAGE_PASSWORD_PASSWORD_OPTIONS_H
 
-#include <CLI/CLI.hpp>
 #include <span>
 #include <string>
 
 #include "kqimage/image/image_file.h"
 #include "kqimage/password/password.h"
 #include "kqimage/password/terminal_prompt.h"
+
+namespace CLI {
+class App;
+}
 
 namespace kqimage {
 

@@ -2,7 +2,6 @@
 #ifndef KQIMAGE_VOLUME_VOLUME_ORIGIN_H
 #define KQIMAGE_VOLUME_VOLUME_ORIGIN_H
 
-#include <CLI/CLI.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -12,6 +11,10 @@
 #include "kqimage/volume/disk_tables.h"
 #include "kqimage/volume/file_system_probe.h"
 #include "kqimage/volume/volume_source.h"
+
+namespace CLI {
+class App;
+}
 
 namespace kqimage {
 
