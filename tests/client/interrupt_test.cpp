@@ -16,7 +16,7 @@ namespace {
 using NameSet = std::set<std::string>;
 
 // Far more than what is read ahead and encoded when the first chunk stands in the file.
-constexpr std::size_t kVolumeMiB = 40;
+constexpr std::size_t kVolumeMiB = 160;
 
 Volume MakeLongVolume() {
   const Volume mebibyte = MakeNoise(std::size_t{1} << 20, 1);
