@@ -49,9 +49,10 @@ void WriteVolume(const ChainReaders& readers, HiddenDamage& damage, const DataCe
   // Each thread writes what it has read. A new file has its holes already; what a device held
   // before must be overwritten.
   std::vector<PieceWork> works;
-  for (const ReadVolume& read : readers.Ways(&damage)) {
-    works.emplace_back([read, &target](std::uint64_t offset, std::span<std::byte> bytes) {
-      read(offset, bytes);
+  for (const auto& each : readers.All()) {
+    const ChainReader* const reader = each.get();
+    works.emplace_back([=, &damage, &target](std::uint64_t offset, std::span<std::byte> bytes) {
+      damage.ReadWhole(*reader, offset, bytes);
       target.Write(offset, bytes);
     });
   }

@@ -81,14 +81,4 @@ std::string ChainReader::PasswordDoubt() const {
   return "; the password may be wrong, which this image's encryption can't tell";
 }
 
-void ChainReader::ReadWhole(std::uint64_t offset, std::span<std::byte> bytes,
-                            HiddenDamage& damage) const {
-  Read(offset, bytes);
-  if (!damage.IsIn(offset, bytes)) return;
-  throw Failure(
-      fmt::format("the image {} is damaged: a chunk at or behind byte {} of the "
-                  "volume can't be decompressed{}",
-                  Printable(newestPath_), offset, PasswordDoubt()));
-}
-
 }  // namespace kqimage

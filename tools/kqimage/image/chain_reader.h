@@ -2,7 +2,7 @@
 //
 // The library reports most damage by a status, but a chunk whose compressed stream is damaged reads
 // as zero, and so does the rest of the same read, under a status of success. A restore must not
-// take such zeros for data; ReadWhole finds them.
+// take such zeros for data: verify/hidden_damage.h tells them apart.
 #ifndef KQIMAGE_IMAGE_CHAIN_READER_H
 #define KQIMAGE_IMAGE_CHAIN_READER_H
 
@@ -14,7 +14,6 @@
 
 #include "kqimage/image/image_file.h"
 #include "kqimage/system/unique_fd.h"
-#include "kqimage/verify/hidden_damage.h"
 
 namespace kqimage {
 
@@ -36,10 +35,6 @@ class ChainReader {
   // Fills bytes from the volume's offset; what no file holds is zero.
   void Read(std::uint64_t offset, std::span<std::byte> bytes) const;
 
-  // The same, and throws if a part of it is lost: zeros that hide a damaged chunk of the chain.
-  // What lies over the chain in a sparse file may hide that in turn.
-  void ReadWhole(std::uint64_t offset, std::span<std::byte> bytes, HiddenDamage& damage) const;
-
   // Writes into the sparse file.
   KQStatus Write(std::uint64_t offset, std::span<const std::byte> bytes) const;
 
@@ -53,10 +48,12 @@ class ChainReader {
   // True if a wrong password would not have been noticed.
   bool TakesAnyPassword() const { return takesAnyPassword_; }
 
- private:
   // What to add to a message about damage.
   std::string PasswordDoubt() const;
 
+  const std::string& NewestPath() const { return newestPath_; }
+
+ private:
   std::string newestPath_;
   std::uint64_t volumeSize_ = 0;
   bool takesAnyPassword_ = false;  // a file's encryption can't tell a wrong one

@@ -24,12 +24,11 @@ ChainReaders::ChainReaders(const Chain& chain, const char* password) {
   }
 }
 
-std::vector<ReadVolume> ChainReaders::Ways(HiddenDamage* damage) const {
+std::vector<ReadVolume> ChainReaders::Ways() const {
   std::vector<ReadVolume> ways;
   for (const auto& each : readers_) {
-    ways.emplace_back([reader = each.get(), damage](std::uint64_t offset,
-                                                    std::span<std::byte> bytes) {
-      damage != nullptr ? reader->ReadWhole(offset, bytes, *damage) : reader->Read(offset, bytes);
+    ways.emplace_back([reader = each.get()](std::uint64_t offset, std::span<std::byte> bytes) {
+      reader->Read(offset, bytes);
     });
   }
   return ways;
@@ -38,7 +37,7 @@ std::vector<ReadVolume> ChainReaders::Ways(HiddenDamage* damage) const {
 std::vector<ReadAhead::Producer> ChainReaders::Pieces(std::uint64_t size,
                                                       const DataCells* cells) const {
   std::vector<ReadAhead::Producer> producers;
-  for (ReadVolume& way : Ways(nullptr)) {
+  for (ReadVolume& way : Ways()) {
     producers.push_back(VolumePieces(size, std::move(way), cells));
   }
   return producers;

@@ -29,9 +29,11 @@ class ChainReaders {
   std::vector<ReadAhead::Producer> Pieces(std::uint64_t size,
                                           const DataCells* cells = nullptr) const;
 
-  // A way to read the volume for each thread of so many: as the library reads it, or, with damage,
-  // ChainReader::ReadWhole.
-  std::vector<ReadVolume> Ways(HiddenDamage* damage) const;
+  // One for each thread of so many.
+  const std::vector<std::unique_ptr<ChainReader>>& All() const { return readers_; }
+
+  // A way to read the volume for each of them.
+  std::vector<ReadVolume> Ways() const;
 
  private:
   std::vector<std::unique_ptr<ChainReader>> readers_;

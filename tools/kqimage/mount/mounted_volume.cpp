@@ -40,12 +40,12 @@ void MountedVolume::Read(std::uint64_t offset, std::span<std::byte> bytes) {
     Reader& reader = *readers_[(home + i) % readers_.size()];
     const std::unique_lock lock(reader.mutex, std::try_to_lock);
     if (!lock) continue;
-    reader.chain.ReadWhole(offset, bytes, *damage_);
+    damage_->ReadWhole(reader.chain, offset, bytes);
     return;
   }
   Reader& reader = *readers_[home % readers_.size()];
   const std::scoped_lock lock(reader.mutex);
-  reader.chain.ReadWhole(offset, bytes, *damage_);
+  damage_->ReadWhole(reader.chain, offset, bytes);
 }
 
 KQStatus MountedVolume::Write(std::uint64_t offset, std::span<const std::byte> bytes) {
@@ -57,10 +57,10 @@ KQStatus MountedVolume::Write(std::uint64_t offset, std::span<const std::byte> b
   if (start == offset && wholeEnd == end) return volume.chain.Write(offset, bytes);
   std::vector<std::byte> blocks(static_cast<std::size_t>(wholeEnd - start));
   const std::size_t first = std::min<std::size_t>(blocks.size(), block_);
-  volume.chain.ReadWhole(start, std::span(blocks).first(first), *damage_);
+  damage_->ReadWhole(volume.chain, start, std::span(blocks).first(first));
   if (blocks.size() > first) {
     const std::size_t last = (blocks.size() - 1) / block_ * block_;
-    volume.chain.ReadWhole(start + last, std::span(blocks).subspan(last), *damage_);
+    damage_->ReadWhole(volume.chain, start + last, std::span(blocks).subspan(last));
   }
   std::copy(bytes.begin(), bytes.end(),
             blocks.begin() + static_cast<std::ptrdiff_t>(offset - start));

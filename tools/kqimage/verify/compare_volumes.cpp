@@ -131,7 +131,7 @@ std::optional<DataCells> ComparedSide::Cells(std::uint64_t size) const {
 }
 
 std::vector<ReadVolume> ComparedSide::Ways() const {
-  if (readers_) return readers_->Ways(nullptr);
+  if (readers_) return readers_->Ways();
   return {[this](std::uint64_t offset, std::span<std::byte> bytes) {
     if (ReadAt(source_->Fd(), source_->Start() + offset, bytes, path_) != bytes.size()) {
       throw Failure(fmt::format("{} became shorter while it was read", Printable(path_)));

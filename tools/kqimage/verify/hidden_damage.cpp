@@ -1,11 +1,14 @@
 #include "kqimage/verify/hidden_damage.h"
 
+#include <fmt/format.h>
 #include <kqimageformat.h>
 
 #include <algorithm>
 #include <optional>
 
 #include "kqimage/pieces/block_compare.h"
+#include "kqimage/terminal/failure.h"
+#include "kqimage/terminal/text.h"
 
 namespace kqimage {
 namespace {
@@ -53,6 +56,16 @@ HiddenDamage::HiddenDamage(const Chain& chain, const char* password) {
     file.isSound.resize(file.layout.chunks.size());
     files_.push_back(std::move(file));
   }
+}
+
+void HiddenDamage::ReadWhole(const ChainReader& reader, std::uint64_t offset,
+                             std::span<std::byte> bytes) {
+  reader.Read(offset, bytes);
+  if (!IsIn(offset, bytes)) return;
+  throw Failure(
+      fmt::format("the image {} is damaged: a chunk at or behind byte {} of the "
+                  "volume can't be decompressed{}",
+                  Printable(reader.NewestPath()), offset, reader.PasswordDoubt()));
 }
 
 bool HiddenDamage::IsIn(std::uint64_t offset, std::span<const std::byte> bytes) {

@@ -14,6 +14,7 @@
 #include <span>
 #include <vector>
 
+#include "kqimage/image/chain_reader.h"
 #include "kqimage/image/image_file.h"
 #include "kqimage/verify/range_set.h"
 #include "kqimage/verify/verify_chunk.h"
@@ -25,6 +26,10 @@ class HiddenDamage {
  public:
   // Opens the files of the chain, for which the password is good, once more. Throws a Failure.
   HiddenDamage(const Chain& chain, const char* password);
+
+  // Fills bytes from the volume's offset, and throws a Failure if a part of them is lost. What lies
+  // over the chain in a sparse file may hide that.
+  void ReadWhole(const ChainReader& reader, std::uint64_t offset, std::span<std::byte> bytes);
 
   // bytes: what one read of the chain gave for the volume's offset. True if a chunk that should
   // have filled a part of them can't be decoded. For any thread; one looks at a time.
