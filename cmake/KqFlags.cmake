@@ -60,8 +60,14 @@ add_link_options(LINKER:-z,relro LINKER:-z,now)
 
 # What test sources are compiled with beyond the rest: they are many and run briefly, so compiling them
 # is what costs.
+set(KQ_TEST_OPTIONS -O0)
+if(KQ_SANITIZE MATCHES "address")
+  # The redzones around what tests hand to the library stay.
+  list(APPEND KQ_TEST_OPTIONS -fno-sanitize=undefined)
+elseif(NOT KQ_SANITIZE)
+  list(APPEND KQ_TEST_OPTIONS -U_FORTIFY_SOURCE)
+endif()
+# For what calls no function of the library, and so has nothing that a sanitizer should look at.
 if(KQ_SANITIZE)
-  set(KQ_TEST_OPTIONS -O0)
-else()
-  set(KQ_TEST_OPTIONS $<$<CONFIG:Release>:-O1>)
+  set(KQ_UNSANITIZED -fno-sanitize=all)
 endif()

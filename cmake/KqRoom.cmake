@@ -26,8 +26,7 @@ function(kq_room name)
   if(KQ_TESTS AND tests)
     add_executable(${name}_test ${tests})
     target_link_libraries(${name}_test PRIVATE kq_${name} kq_test_support)
-    gtest_discover_tests(${name}_test DISCOVERY_TIMEOUT 120
-                         PROPERTIES LABELS ${name} TIMEOUT 300)
+    kq_add_tests(${name}_test ${name})
   endif()
 endfunction()
 

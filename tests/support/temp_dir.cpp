@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 
 namespace kqtest {
 
@@ -25,7 +24,17 @@ TempDir::~TempDir() {
 std::vector<std::uint8_t> ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) ADD_FAILURE() << "cannot read " << path;
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  // Until nothing more comes: files of /proc don't tell their size.
+  std::vector<std::uint8_t> bytes;
+  std::size_t done = 0;
+  while (file) {
+    bytes.resize(2 * done + 65536);
+    file.read(reinterpret_cast<char*>(bytes.data()) + done,
+              static_cast<std::streamsize>(bytes.size() - done));
+    done += static_cast<std::size_t>(file.gcount());
+  }
+  bytes.resize(done);
+  return bytes;
 }
 
 // Without O_TRUNC: a file that is cut to nothing and written anew is flushed to the disk by some
