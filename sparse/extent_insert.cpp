@@ -53,8 +53,7 @@ KQStatus WriteBoth(SparseFile* file, CachedNode* parent, const SparseNode& befor
 
 // Moves the upper half of a full child to a new node beside it, and the extent between the halves
 // up into the parent. Parent and child change together, in a step that is done or not done: until
-// then the child holds all that it held, and a parent that tells of less than its child holds would
-// be taken for damaged.
+// then the child holds all that it held.
 KQStatus SplitChild(SparseFile* file, std::uint64_t parent, std::uint32_t index,
                     std::uint64_t child) {
   HeapBuffer cut = HeapBuffer::AllocateAligned(KQ_SPARSE_UNIT, sizeof(SparseNode));

@@ -2,9 +2,11 @@
 // offset, that never overlap.
 //
 // Offsets of the volume are compared as signed numbers. All functions work through the node cache
-// and hold one node at a time, so that any limit of the cache will do. A tree read from a file is
-// not trusted: a node that lies outside the stretch that its parents leave for it, or a tree of
-// more than kDeepestNode levels, is -1392.
+// and hold one node at a time, so that any limit of the cache will do.
+//
+// A child's place in a file is not doubted: one that leads to another node is walked as it stands,
+// and its extents come in that order. But a tree that leads back to itself, has more than
+// kDeepestNode levels or leads to more nodes than the file holds is -1392.
 //
 // A failure of a query leaves the tree alone. A failure of an insertion leaves it as it was, or
 // split without the new extent; only what a changed node told that could not be written back is
@@ -31,7 +33,7 @@ struct ExtentListEntry {
   SparseExtent Extent{};
 };
 
-// Extents in rising order of their offset. The list owns its entries.
+// Extents in the order of the tree. The list owns its entries.
 class ExtentList {
  public:
   ExtentList() = default;

@@ -270,6 +270,35 @@ TEST_F(SparseOperations, ExtentBehindTheEndOfTheFile) {
   ExpectOwnFailure(Write(0, Bytes(8192)), -1392, "utsparsefile");
 }
 
+TEST_F(SparseOperations, NodesThatAreReachedAtTheWrongPlaceAreUsedAsTheyAre) {
+  CloseHandle();
+  SparseModel model;
+  ModelNode leaf;
+  leaf.count = 1;
+  leaf.extents[0] = {0, 4096, model.AppendData(Bytes(4096, 7))};
+  ModelNode root;
+  root.leaf = false;
+  root.count = 1;
+  root.extents[0] = {8192, 4096, model.AppendData(Bytes(4096, 8))};
+  root.children[0] = model.AppendNode(leaf);
+  root.children[1] = root.children[0];
+  model.SetRoot(model.AppendNode(root));
+  WriteFile(path_, model.File());
+  handle_ = OpenHandle(KQ_SPARSE_OPEN_EXISTING);
+
+  Bytes expected(20480, 0xA5);
+  std::fill_n(expected.begin(), 4096, std::uint8_t{7});
+  std::fill_n(expected.begin() + 8192, 4096, std::uint8_t{8});
+  EXPECT_EQ(ReadOver(0, 20480, 0xA5), expected);
+  EXPECT_EQ(ReadOver(12288, 100, 0xA5), Bytes(100, 0xA5));
+
+  // The leaf's extent is found twice, in front of the root's and behind it, and written twice; only
+  // what no extent covers is new.
+  const std::uint64_t before = DataBytes();
+  ASSERT_EQ(Write(0, Bytes(20480, 9)).status, 0);
+  EXPECT_EQ(DataBytes() - before, 20480U - 2 * 4096U);
+}
+
 TEST_F(SparseOperations, FailedReadEndsTheOperation) {
   ASSERT_EQ(Write(0, Bytes(10, 1)).status, 0);
   ASSERT_EQ(Write(20, Bytes(10, 2)).status, 0);

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "sparse/extent_tree.h"
 #include "sparse/overlap.h"
 #include "sparse/sparse_file.h"
@@ -47,7 +49,8 @@ KQStatus SparseFileWriteFrom(SparseFile* file, std::uint64_t offset, const void*
     if (start > done) KQ_RETURN_IF_FAILED(appendUpTo(start));
     KQ_RETURN_IF_FAILED(SparseFileTransfer(file, overlap.position, bytes + start, overlap.length,
                                            TransferTo::kPosition, nullptr));
-    done = start + static_cast<std::uint32_t>(overlap.length);
+    // A damaged tree may give the same extent twice.
+    done = std::max(done, start + static_cast<std::uint32_t>(overlap.length));
   }
   if (done < size) KQ_RETURN_IF_FAILED(appendUpTo(size));
   return Success();
