@@ -2,7 +2,7 @@
 //
 // A record is made once, by the statement that notices the failure, and handed up unchanged, so a
 // client sees the line and module of the deepest failure. Each source that makes records names its
-// module in a constant kModule. KQ_FAIL and KQ_FAIL_ERRNO are the only makers of failures.
+// module in a constant kModule. KQ_FAIL and KQ_FAIL_ERRNO are the makers of failures.
 #ifndef KQ_FOUNDATION_STATUS_H
 #define KQ_FOUNDATION_STATUS_H
 

@@ -138,8 +138,8 @@ TEST_F(HeaderSectorsQueryTest, FileCutWithinItsHeaderIsGeneralFailure) {
     SCOPED_TRACE(length);
     file.resize(length);
     kqtest::WriteFile(path_, file);
-    ExpectFailure(KQImageFileGetAllHeaderSectors, nullptr, -31, "kqimageapi");
-    ExpectFailure(KQImageFileGetExtraSectors, nullptr, -31, "kqimageapi");
+    ExpectFailure(KQImageFileGetAllHeaderSectors, nullptr, -31, "kqos");
+    ExpectFailure(KQImageFileGetExtraSectors, nullptr, -31, "kqos");
   }
 }
 

@@ -60,7 +60,10 @@ KQStatus ReadSectors(const OSAlignedFile& file, std::uint64_t offset, std::uint6
       OSFileReadAligned(file, offset, aligned, static_cast<std::uint32_t>(length), &bytesRead));
   // Sector 0 holds the KeyBlob, and the later ones are plain text soon.
   buffer.WipeWhenFreed(shift + bytesRead);
-  if (bytesRead < length && !tolerate) return KQ_FAIL(kGenFailure);
+  if (bytesRead < length && !tolerate) {
+    // As the read itself tells it of a buffer at any other place.
+    return MakeStatus(StatusCode::kGenFailure, __LINE__, "kqos");
+  }
   if (shift != 0) {
     std::memmove(buffer.data(), aligned, bytesRead);
     std::memset(buffer.data() + bytesRead, 0, shift);

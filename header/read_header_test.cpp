@@ -193,8 +193,8 @@ TEST_F(ReadHeaderSectorsTest, FileCutBehindTheFixedHeadIsGeneralFailure) {
   for (const std::size_t length : {114u, 115u, 511u, 512u, 513u, 1024u, 1535u}) {
     SCOPED_TRACE(length);
     Write(Part(file, 0, length));
-    ExpectFailure(Read(nullptr, 0, 0, false), -31, "kqimageapi");
-    ExpectFailure(Read(nullptr, 2, 1, false), -31, "kqimageapi");
+    ExpectFailure(Read(nullptr, 0, 0, false), -31, "kqos");
+    ExpectFailure(Read(nullptr, 2, 1, false), -31, "kqos");
   }
   Write(Part(file, 0, 1536));
   EXPECT_EQ(Read(nullptr, 0, 0, false).bytes, Part(file, 0, 1536));
@@ -440,7 +440,7 @@ TEST_P(EncipheredHeaderTest, RunThatTheFileLacksIsGeneralFailureWhateverThePassw
   const Bytes file = kqtest::BuildImage(spec);
   Write(Part(file, 0, 700));
   for (const char* password : {static_cast<const char*>(nullptr), "the password", "another"}) {
-    ExpectFailure(Read(password, 0, 0, false), -31, "kqimageapi");
+    ExpectFailure(Read(password, 0, 0, false), -31, "kqos");
   }
   // As stored, with the failure of the password that is missing.
   const Outcome tolerated = Read(nullptr, 0, 0, true);
@@ -454,7 +454,7 @@ TEST_P(EncipheredHeaderTest, ClaimBeyondTheFileIsToleratedWithoutAPassword) {
   ImageSpec spec = Enciphered(2);
   spec.headerSectorsField = 0x300000;
   Write(spec);
-  ExpectFailure(Read("the password", 0, 0, false), -31, "kqimageapi");
+  ExpectFailure(Read("the password", 0, 0, false), -31, "kqos");
   HeapBuffer sectors;
   EXPECT_EQ(ReadHeaderSectorsFromPath(path_.c_str(), nullptr, 0, 0, true, &sectors, nullptr).status,
             -86);
