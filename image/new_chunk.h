@@ -68,8 +68,8 @@ KQStatus AppendPieces(NewChunk* chunk, Fetch fetch, Flush flush, std::uint32_t s
     const bool hasRoomForRun = chunk->ChunkRuns.End - chunk->ChunkRuns.Cursor > kRunListReserve;
     if (!hasRoomForRun) KQ_RETURN_IF_FAILED(flush());
 
-    // A full chunk is still here only if its flush failed before.
-    if (chunk->ChunkFill == chunk->ChunkBufferSize) KQ_RETURN_IF_FAILED(flush());
+    // No bytes if the flush of a full chunk has failed before. That leaves a run of no sectors in
+    // the list, which readers pass over, and the flush below is tried once more.
     const std::uint32_t piece = std::min(size - done, chunk->ChunkBufferSize - chunk->ChunkFill);
     const std::uint64_t pieceOffset = offset + done;
     KQ_RETURN_IF_FAILED(fetch(done, chunk->ChunkBuffer.data() + chunk->ChunkFill, piece));

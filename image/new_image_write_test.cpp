@@ -243,6 +243,32 @@ TEST_F(NewImageWrite, APieceBelowASectorIsToldInTheLogAndGoesOn) {
   EXPECT_EQ(Bytes(file.begin() + 1024, file.begin() + 2048), data);
 }
 
+// A disk that was full for a while: what a full chunk couldn't be rid of stays, and the next write
+// enters a run of no sectors before the flush is tried again.
+TEST_F(NewImageWrite, AWriteBehindAFailedFlushTriesItAgain) {
+  const Bytes headerTemplate = Template(FieldsForChunksOf(2));
+  Writer writer(path_, headerTemplate);
+  ASSERT_EQ(writer.status().status, 0);
+  {
+    const FileSizeLimit limit(headerTemplate.size());
+    EXPECT_EQ(writer.Write(0, Sectors(1, 2)).status, -31);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(writer.Write(0x200000, Sectors(2, 1)).status, -31);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ASSERT: zero-length run!\n");
+  }
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(writer.Write(0x300000, Sectors(3, 1)).status, 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ASSERT: zero-length run!\n");
+  EXPECT_EQ(writer.Close().status, 0);
+
+  const ParsedImage image = ParseFile(writer.File());
+  ASSERT_EQ(image.chunks.size(), 2u);
+  EXPECT_EQ(image.chunks[0].runs, (std::vector<VolumeRun>{{0, 2}, {0x200000, 0}, {0x300000, 0}}));
+  EXPECT_EQ(image.chunks[0].data, Sectors(1, 2));
+  EXPECT_EQ(image.chunks[1].runs, (std::vector<VolumeRun>{{0x300000, 1}}));
+  EXPECT_EQ(image.chunks[1].data, Sectors(3, 1));
+}
+
 TEST_F(NewImageWrite, ATailBelowASectorGoesIntoTheChunkUncounted) {
   Writer writer(path_, Template(HeaderFields()));
   EXPECT_EQ(writer.Write(0x1000, Noise(1, 700)).status, 0);
