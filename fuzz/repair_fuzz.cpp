@@ -1,11 +1,13 @@
 // Any bytes as an image file to be checked and repaired. A check changes nothing; a repair changes
 // nothing behind the header, and what it found is found no more.
 #include <algorithm>
+#include <cstddef>
 
 #include "fuzz/fuzz_input.h"
 #include "fuzz/header_bytes.h"
 #include "fuzz/scratch_file.h"
 #include "kqimageapi.h"
+#include "kqimageformat.h"
 
 namespace {
 
@@ -57,7 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto behind = static_cast<std::ptrdiff_t>(headerBytes);
     FUZZ_CHECK(std::equal(file.begin() + behind, file.end(), after.begin() + behind));
   }
-  if (checked.status == 0) {
+  // In sectors below that the fields of sector 1 are those of sector 0 too, and mending the one
+  // changes the other.
+  const std::uint64_t fieldBytes =
+      sizeof(ImageHeader) + kqtest::Get16(file, offsetof(ImageHeader, KeyBlobLength));
+  if (checked.status == 0 && kqtest::Get32(file, offsetof(ImageHeader, SectorSize)) >= fieldBytes) {
     std::uint64_t left = 0;
     FUZZ_CHECK(KQImageFileFixHeader(path, password, &left, 1, nullptr, nullptr).status == 0);
     FUZZ_CHECK((left & wanted) == 0);
