@@ -15,6 +15,7 @@
 #include "kqimage/image/image_writer.h"
 #include "kqimage/password/password_options.h"
 #include "kqimage/pieces/block_compare.h"
+#include "kqimage/system/batch_work.h"
 #include "kqimage/system/file_identity.h"
 #include "kqimage/system/next_name.h"
 #include "kqimage/terminal/failure.h"
@@ -150,6 +151,7 @@ void Create(const CreateOptions& options) {
     ObtainPassword(options.password, "the new image " + options.image, Asking::kTwice, password);
   }
   AddHeaderSectors(header, OriginSectors(origin, header.sectorSize), password.CString());
+  BeginBatchWork();  // before the first thread
   ImageOutput output(options.image, options.common.Output());
   ImageWriter writer(header, {.path = output.WritePath(),
                               .name = options.image,
